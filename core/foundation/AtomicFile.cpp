@@ -1,0 +1,97 @@
+#include "AtomicFile.h"
+
+#include "Uuid.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+#include <utility>
+
+namespace quorlin {
+
+namespace {
+
+std::string kindText(FileError::Kind kind) {
+    return kind == FileError::Kind::readFailed ? "Could not read " : "Could not write ";
+}
+
+// Closes the descriptor when it goes out of scope.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+    ~FileDescriptor() {
+        if (descriptor_ >= 0) {
+            ::close(descriptor_);
+        }
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return descriptor_; }
+    int release() { return std::exchange(descriptor_, -1); }
+
+private:
+    int descriptor_;
+};
+
+void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+} // namespace
+
+FileError::FileError(Kind kind, const std::filesystem::path& path, const std::string& reason)
+    : Error(kindText(kind) + path.string() + ": " + reason), kind_(kind) {}
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        throw FileError(FileError::Kind::readFailed, path, std::strerror(errno));
+    }
+    std::ostringstream content;
+    content << in.rdbuf();
+    if (in.bad()) {
+        throw FileError(FileError::Kind::readFailed, path, "read error");
+    }
+    return std::move(content).str();
+}
+
+void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
+    const auto temporary = path.parent_path() /
+                           ("." + path.filename().string() + "." + Uuid::random().uppercaseString() + ".tmp");
+    FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (file.get() < 0) {
+        throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));
+    }
+    try {
+        writeAll(file.get(), bytes, path);
+        if (::fsync(file.get()) != 0 || ::close(file.release()) != 0) {
+            throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));
+        }
+        if (::rename(temporary.c_str(), path.c_str()) != 0) {
+            throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));
+        }
+    } catch (...) {
+        ::unlink(temporary.c_str());
+        throw;
+    }
+    // Make the rename itself durable; a failure here leaves a complete file either way.
+    FileDescriptor directory(::open(path.parent_path().empty() ? "." : path.parent_path().c_str(),
+                                    O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() >= 0) {
+        ::fsync(directory.get());
+    }
+}
+
+} // namespace quorlin

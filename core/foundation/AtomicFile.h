@@ -1,0 +1,32 @@
+#pragma once
+
+#include "Error.h"
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace quorlin {
+
+class FileError : public Error {
+public:
+    enum class Kind { readFailed, writeFailed };
+
+    // reason: the system's words for what went wrong.
+    FileError(Kind kind, const std::filesystem::path& path, const std::string& reason);
+
+    Kind kind() const { return kind_; }
+
+private:
+    Kind kind_;
+};
+
+// Reads a whole file as bytes.
+std::string readFile(const std::filesystem::path& path);
+
+// Replaces the file's content in one step: a sibling temp file is written and synced,
+// then renamed over the target, so a reader sees the old content or the new, never half.
+// The parent directory must exist.
+void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
+
+} // namespace quorlin

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "Error.h"
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+namespace quorlin {
+
+// What to start: the executable, its arguments (argv[0] is the executable's path and is
+// added by the runner), the child's complete environment, and the bytes for its stdin.
+struct ChildProcessRequest {
+    std::filesystem::path executable;
+    std::vector<std::string> arguments;
+    std::map<std::string, std::string> environment;
+    std::optional<std::filesystem::path> workingDirectory;
+    std::string standardInput;
+    // Absent: no limit.
+    std::optional<std::chrono::duration<double>> timeout;
+};
+
+struct ChildProcessResult {
+    // The exit status, or 128 + the signal number for a child ended by a signal, as a
+    // shell reports it.
+    int exitCode = 0;
+    std::string standardOutput;
+    std::string standardError;
+};
+
+class ChildProcessError : public Error {
+public:
+    enum class Kind { launchFailed, timedOut, ioFailed };
+
+    // detail: the system's reason for launchFailed and ioFailed; unused for timedOut.
+    ChildProcessError(Kind kind, const std::filesystem::path& executable, std::string detail,
+                      std::chrono::duration<double> timeout = {});
+
+    Kind kind() const { return kind_; }
+    std::chrono::duration<double> timeout() const { return timeout_; }
+
+private:
+    Kind kind_;
+    std::chrono::duration<double> timeout_;
+};
+
+// Runs one child process to its end. stdin is fed and stdout/stderr are drained at the
+// same time, so neither a large input nor a chatty child can deadlock the pair.
+//
+// A stop request sends SIGTERM once and keeps waiting for the child to go away (or for
+// the time limit). On time-out the child gets SIGTERM and the call throws
+// ChildProcessError(timedOut) at once, without waiting; the child is reaped in the
+// background. A child that exits without reading its stdin is not an error.
+ChildProcessResult runChildProcess(const ChildProcessRequest& request,
+                                   std::stop_token stopToken = {});
+
+} // namespace quorlin

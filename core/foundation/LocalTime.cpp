@@ -1,0 +1,108 @@
+#include "LocalTime.h"
+
+#include <cstdio>
+#include <ctime>
+
+namespace quorlin {
+
+namespace {
+
+std::string formatted(SystemTime time, const char* format, bool local) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm parts{};
+    if (local) {
+        localtime_r(&seconds, &parts);
+    } else {
+        gmtime_r(&seconds, &parts);
+    }
+    char buffer[64];
+    const auto length = std::strftime(buffer, sizeof buffer, format, &parts);
+    return std::string(buffer, length);
+}
+
+bool readDigits(std::string_view text, std::size_t& offset, std::size_t count, int& value) {
+    if (offset + count > text.size()) {
+        return false;
+    }
+    value = 0;
+    for (std::size_t index = 0; index < count; ++index) {
+        const char character = text[offset + index];
+        if (character < '0' || character > '9') {
+            return false;
+        }
+        value = value * 10 + (character - '0');
+    }
+    offset += count;
+    return true;
+}
+
+bool expect(std::string_view text, std::size_t& offset, char character) {
+    if (offset < text.size() && text[offset] == character) {
+        ++offset;
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+std::string formatLocalMinute(SystemTime time) { return formatted(time, "%Y-%m-%d %H:%M", true); }
+
+std::string formatIso8601(SystemTime time) { return formatted(time, "%Y-%m-%dT%H:%M:%SZ", false); }
+
+std::optional<SystemTime> parseIso8601(std::string_view text) {
+    std::size_t offset = 0;
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
+    if (!readDigits(text, offset, 4, year) || !expect(text, offset, '-') ||
+        !readDigits(text, offset, 2, month) || !expect(text, offset, '-') ||
+        !readDigits(text, offset, 2, day) || !expect(text, offset, 'T') ||
+        !readDigits(text, offset, 2, hour) || !expect(text, offset, ':') ||
+        !readDigits(text, offset, 2, minute) || !expect(text, offset, ':') ||
+        !readDigits(text, offset, 2, second)) {
+        return std::nullopt;
+    }
+    double fraction = 0;
+    if (expect(text, offset, '.')) {
+        double scale = 0.1;
+        const std::size_t start = offset;
+        while (offset < text.size() && text[offset] >= '0' && text[offset] <= '9') {
+            fraction += (text[offset] - '0') * scale;
+            scale /= 10;
+            ++offset;
+        }
+        if (offset == start) {
+            return std::nullopt;
+        }
+    }
+    int offsetMinutes = 0;
+    if (!expect(text, offset, 'Z')) {
+        const bool negative = offset < text.size() && text[offset] == '-';
+        int offsetHours = 0, offsetRest = 0;
+        if (!(expect(text, offset, '+') || expect(text, offset, '-')) ||
+            !readDigits(text, offset, 2, offsetHours) || !expect(text, offset, ':') ||
+            !readDigits(text, offset, 2, offsetRest)) {
+            return std::nullopt;
+        }
+        offsetMinutes = (offsetHours * 60 + offsetRest) * (negative ? -1 : 1);
+    }
+    if (offset != text.size()) {
+        return std::nullopt;
+    }
+    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(
+                                               static_cast<unsigned>(month)),
+                                           std::chrono::day(static_cast<unsigned>(day))};
+    if (!date.ok() || hour > 23 || minute > 59 || second > 60) {
+        return std::nullopt;
+    }
+    const auto wholeSeconds = std::chrono::sys_days(date).time_since_epoch() +
+                              std::chrono::hours(hour) + std::chrono::minutes(minute) +
+                              std::chrono::seconds(second) - std::chrono::minutes(offsetMinutes);
+    return SystemTime(std::chrono::duration_cast<SystemTime::duration>(wholeSeconds)) +
+           std::chrono::duration_cast<SystemTime::duration>(std::chrono::duration<double>(fraction));
+}
+
+double secondsBetween(SystemTime start, SystemTime end) {
+    return std::chrono::duration<double>(end - start).count();
+}
+
+} // namespace quorlin

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quorlin {
+
+using SystemTime = std::chrono::system_clock::time_point;
+
+// "yyyy-MM-dd HH:mm" in the machine's local time zone: how sessions and audit rows show
+// a moment.
+std::string formatLocalMinute(SystemTime time);
+
+// ISO 8601 in UTC with whole seconds ("2024-01-15T10:30:00Z").
+std::string formatIso8601(SystemTime time);
+
+// Reads "YYYY-MM-DDTHH:MM:SS" with an optional fraction and a "Z" or "+HH:MM" offset.
+std::optional<SystemTime> parseIso8601(std::string_view text);
+
+// Seconds between two moments, as the engine reports durations.
+double secondsBetween(SystemTime start, SystemTime end);
+
+} // namespace quorlin

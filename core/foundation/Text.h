@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace quorlin {
+
+// Unicode helpers over UTF-8 text. Invalid byte sequences are treated as U+FFFD, so no
+// input can make them fail.
+
+// Trims Unicode white space and line ends from both ends.
+std::string trimmed(std::string_view text);
+
+// Unicode lowercase mapping.
+std::string lowercased(std::string_view text);
+
+bool isValidUtf8(std::string_view bytes);
+
+// Unicode general categories L* and N*.
+bool isLetter(char32_t codePoint);
+bool isNumber(char32_t codePoint);
+bool isWhitespaceOrNewline(char32_t codePoint);
+
+// Decodes the code point at offset, advancing offset past it.
+char32_t decodeCodePoint(std::string_view text, std::size_t& offset);
+void appendCodePoint(std::string& out, char32_t codePoint);
+
+bool startsWith(std::string_view text, std::string_view prefix);
+bool endsWith(std::string_view text, std::string_view suffix);
+
+} // namespace quorlin
