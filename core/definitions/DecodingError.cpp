@@ -1,0 +1,39 @@
+#include "DecodingError.h"
+
+namespace quorlin {
+
+namespace {
+
+std::string where(const std::string& codingPath) {
+    return codingPath.empty() ? "at the document root" : "at " + codingPath;
+}
+
+std::string compose(DecodingError::Kind kind, const std::string& codingPath,
+                    const std::string& subject, const std::string& found) {
+    switch (kind) {
+    case DecodingError::Kind::keyNotFound:
+        return "Missing required key '" + subject + "' " + where(codingPath);
+    case DecodingError::Kind::typeMismatch:
+        return "Expected " + subject + " " + where(codingPath) + ", found " + found;
+    case DecodingError::Kind::dataCorrupted:
+        return subject + " " + where(codingPath);
+    }
+    return subject;
+}
+
+std::string withMark(std::string message, const YamlMark& mark) {
+    if (mark.line == 0) {
+        return message;
+    }
+    return message + " (line " + std::to_string(mark.line) + ", column " +
+           std::to_string(mark.column) + ")";
+}
+
+} // namespace
+
+DecodingError::DecodingError(Kind kind, std::string codingPath, std::string subject,
+                             std::string found, YamlMark mark)
+    : Error(withMark(compose(kind, codingPath, subject, found), mark)), kind_(kind),
+      codingPath_(std::move(codingPath)), subject_(std::move(subject)), mark_(mark) {}
+
+} // namespace quorlin

@@ -3,14 +3,14 @@
 #include "core/definitions/WorkflowValue.h"
 #include "core/foundation/YamlNode.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace quorlin {
 

@@ -52,9 +52,9 @@ public:
     const Storage& storage() const { return storage_; }
 
     // Lenient readings for step code.
-    // int: the payload; double: truncated toward zero (the caller guards NaN, infinities
-    // and values out of range: they are a programming fault); string: a strict decimal
-    // parse of the whole text with an optional sign. Otherwise absent.
+    // int: the payload; double: truncated toward zero (callers guard NaN, infinities and
+    // values out of range; should one slip through, the answer is absent); string: a
+    // strict decimal parse of the whole text with an optional sign. Otherwise absent.
     std::optional<std::int64_t> intValue() const;
     // bool: the payload; string: trimmed, lowercased "true"/"yes"/"1" or
     // "false"/"no"/"0". Otherwise absent (int 1 included).

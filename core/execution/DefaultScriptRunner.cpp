@@ -1,0 +1,127 @@
+#include "DefaultScriptRunner.h"
+
+#include "core/foundation/ChildProcess.h"
+#include "core/foundation/LocalTime.h"
+#include "core/foundation/Text.h"
+#include "core/runtimes/ManagedRuntimeCatalog.h"
+
+#include <chrono>
+#include <system_error>
+
+extern char** environ;
+
+namespace quorlin {
+
+namespace {
+
+std::map<std::string, std::string> inheritedEnvironment() {
+    std::map<std::string, std::string> environment;
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const std::string_view pair(*entry);
+        const auto equals = pair.find('=');
+        if (equals != std::string_view::npos) {
+            environment.emplace(pair.substr(0, equals), pair.substr(equals + 1));
+        }
+    }
+    return environment;
+}
+
+std::string utf8OrEmpty(const std::string& bytes) {
+    return isValidUtf8(bytes) ? bytes : std::string();
+}
+
+} // namespace
+
+DefaultScriptRunner::DefaultScriptRunner(QuorlinResources resources, AppSupportPaths paths,
+                                         RuntimeProvider runtimeProvider)
+    : resources_(std::move(resources)), paths_(std::move(paths)),
+      runtimeProvider_(std::move(runtimeProvider)) {
+    if (!runtimeProvider_) {
+        runtimeProvider_ = [resources = resources_, paths = paths_](ScriptRuntime runtime) {
+            return defaultRuntimePath(runtime, resources, paths);
+        };
+    }
+}
+
+std::filesystem::path DefaultScriptRunner::scriptPath(const std::string& workflowID,
+                                                      const std::string& relativePath) const {
+    // A plain substring test, on purpose: no spelling of a parent step gets through.
+    if (relativePath.find("..") != std::string::npos) {
+        throw ScriptRunnerError::invalidPath(relativePath);
+    }
+    const auto workflows = resources_.workflowsDirectory();
+    if (!workflows) {
+        throw ScriptRunnerError::workflowNotFound(workflowID);
+    }
+    // Appended as text, so an absolute relativePath stays inside the bundle.
+    const std::filesystem::path script((*workflows / workflowID).string() + "/" + relativePath);
+    std::error_code error;
+    if (!std::filesystem::exists(script, error)) {
+        throw ScriptRunnerError::scriptNotFound(relativePath);
+    }
+    return script.lexically_normal();
+}
+
+std::filesystem::path DefaultScriptRunner::defaultRuntimePath(ScriptRuntime runtime,
+                                                              const QuorlinResources& resources,
+                                                              const AppSupportPaths& paths) {
+    const auto descriptor = managedRuntimeDescriptor(runtime);
+    try {
+        if (auto managed = findInManagedRuntime(paths, descriptor, descriptor.executableSuffixes)) {
+            return *managed;
+        }
+    } catch (const std::exception&) {
+        // A data root we cannot create holds no runtime; the bundled launcher may still do.
+    }
+    if (resources.executableDirectory) {
+        const auto launcher =
+            *resources.executableDirectory /
+            (runtime == ScriptRuntime::python ? "quorlin-python" : "quorlin-node");
+        std::error_code error;
+        if (std::filesystem::exists(launcher, error)) {
+            return launcher;
+        }
+    }
+    throw ScriptRunnerError::runtimeNotFound(runtime);
+}
+
+ScriptResult DefaultScriptRunner::run(const ScriptInvocation& invocation,
+                                      std::stop_token stopToken) {
+    const auto script = scriptPath(invocation.workflowID, invocation.spec.relativePath);
+    const auto interpreter = runtimeProvider_(invocation.spec.runtime);
+
+    ChildProcessRequest request;
+    request.executable = interpreter;
+    request.arguments = {script.string()};
+    request.environment = inheritedEnvironment();
+    request.environment["PYTHONUNBUFFERED"] = "1";
+    for (const auto& [key, value] : invocation.environment) {
+        request.environment[key] = value;
+    }
+    request.workingDirectory = invocation.workingDirectory;
+    request.standardInput = invocation.inputJSON;
+    request.timeout = std::chrono::duration<double>(std::max(0.0, invocation.spec.timeoutSeconds));
+
+    const auto launched = std::chrono::steady_clock::now();
+    ChildProcessResult finished;
+    try {
+        finished = runChildProcess(request, stopToken);
+    } catch (const ChildProcessError& error) {
+        if (error.kind() == ChildProcessError::Kind::timedOut) {
+            throw ScriptRunnerError::timedOut(invocation.spec.timeoutSeconds);
+        }
+        throw;
+    }
+    ScriptResult result;
+    result.exitCode = finished.exitCode;
+    result.stdoutData = std::move(finished.standardOutput);
+    result.stderrData = std::move(finished.standardError);
+    result.duration =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - launched).count();
+    if (result.exitCode != 0) {
+        throw ScriptRunnerError::nonZeroExitCode(result.exitCode, utf8OrEmpty(result.stderrData));
+    }
+    return result;
+}
+
+} // namespace quorlin

@@ -15,7 +15,15 @@ namespace quorlin {
 namespace {
 
 std::string kindText(FileError::Kind kind) {
-    return kind == FileError::Kind::readFailed ? "Could not read " : "Could not write ";
+    switch (kind) {
+    case FileError::Kind::readFailed:
+        return "Could not read ";
+    case FileError::Kind::writeFailed:
+        return "Could not write ";
+    case FileError::Kind::createDirectoryFailed:
+        return "Could not create the folder ";
+    }
+    return {};
 }
 
 // Closes the descriptor when it goes out of scope.
@@ -68,8 +76,8 @@ std::string readFile(const std::filesystem::path& path) {
 }
 
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
-    const auto temporary = path.parent_path() /
-                           ("." + path.filename().string() + "." + Uuid::random().uppercaseString() + ".tmp");
+    const auto temporary = path.parent_path() / ("." + path.filename().string() + "." +
+                                                 Uuid::random().uppercaseString() + ".tmp");
     FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     if (file.get() < 0) {
         throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));
@@ -91,6 +99,14 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view byt
                                     O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.get() >= 0) {
         ::fsync(directory.get());
+    }
+}
+
+void createDirectories(const std::filesystem::path& path) {
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    if (error) {
+        throw FileError(FileError::Kind::createDirectoryFailed, path, error.message());
     }
 }
 

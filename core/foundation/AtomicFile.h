@@ -10,7 +10,7 @@ namespace quorlin {
 
 class FileError : public Error {
 public:
-    enum class Kind { readFailed, writeFailed };
+    enum class Kind { readFailed, writeFailed, createDirectoryFailed };
 
     // reason: the system's words for what went wrong.
     FileError(Kind kind, const std::filesystem::path& path, const std::string& reason);
@@ -28,5 +28,8 @@ std::string readFile(const std::filesystem::path& path);
 // then renamed over the target, so a reader sees the old content or the new, never half.
 // The parent directory must exist.
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
+
+// Creates a directory and its parents; an existing one is fine.
+void createDirectories(const std::filesystem::path& path);
 
 } // namespace quorlin

@@ -55,6 +55,10 @@ private:
 // the time limit). On time-out the child gets SIGTERM and the call throws
 // ChildProcessError(timedOut) at once, without waiting; the child is reaped in the
 // background. A child that exits without reading its stdin is not an error.
+//
+// The call ends when the child exits: output its own children write afterwards through
+// inherited pipes is not collected. The child gets only its three standard streams, no
+// blocked signals and default signal actions. Safe to call from many threads at once.
 ChildProcessResult runChildProcess(const ChildProcessRequest& request,
                                    std::stop_token stopToken = {});
 

@@ -51,10 +51,10 @@ void EventLoop::run() {
         if (delayed_.empty()) {
             changed_.wait(lock);
         } else {
-            const auto next = std::min_element(delayed_.begin(), delayed_.end(),
-                                               [](const Delayed& a, const Delayed& b) {
-                                                   return a.due < b.due;
-                                               })->due;
+            const auto next =
+                std::min_element(delayed_.begin(), delayed_.end(),
+                                 [](const Delayed& a, const Delayed& b) { return a.due < b.due; })
+                    ->due;
             changed_.wait_until(lock, next);
         }
     }

@@ -2,10 +2,10 @@
 
 #include "Error.h"
 
-#include <nlohmann/json.hpp>
-
 #include <string>
 #include <string_view>
+
+#include <nlohmann/json.hpp>
 
 namespace quorlin {
 

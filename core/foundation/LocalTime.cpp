@@ -46,9 +46,13 @@ bool expect(std::string_view text, std::size_t& offset, char character) {
 
 } // namespace
 
-std::string formatLocalMinute(SystemTime time) { return formatted(time, "%Y-%m-%d %H:%M", true); }
+std::string formatLocalMinute(SystemTime time) {
+    return formatted(time, "%Y-%m-%d %H:%M", true);
+}
 
-std::string formatIso8601(SystemTime time) { return formatted(time, "%Y-%m-%dT%H:%M:%SZ", false); }
+std::string formatIso8601(SystemTime time) {
+    return formatted(time, "%Y-%m-%dT%H:%M:%SZ", false);
+}
 
 std::optional<SystemTime> parseIso8601(std::string_view text) {
     std::size_t offset = 0;
@@ -88,8 +92,8 @@ std::optional<SystemTime> parseIso8601(std::string_view text) {
     if (offset != text.size()) {
         return std::nullopt;
     }
-    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(
-                                               static_cast<unsigned>(month)),
+    const std::chrono::year_month_day date{std::chrono::year(year),
+                                           std::chrono::month(static_cast<unsigned>(month)),
                                            std::chrono::day(static_cast<unsigned>(day))};
     if (!date.ok() || hour > 23 || minute > 59 || second > 60) {
         return std::nullopt;
@@ -98,7 +102,8 @@ std::optional<SystemTime> parseIso8601(std::string_view text) {
                               std::chrono::hours(hour) + std::chrono::minutes(minute) +
                               std::chrono::seconds(second) - std::chrono::minutes(offsetMinutes);
     return SystemTime(std::chrono::duration_cast<SystemTime::duration>(wholeSeconds)) +
-           std::chrono::duration_cast<SystemTime::duration>(std::chrono::duration<double>(fraction));
+           std::chrono::duration_cast<SystemTime::duration>(
+               std::chrono::duration<double>(fraction));
 }
 
 double secondsBetween(SystemTime start, SystemTime end) {

@@ -13,8 +13,8 @@ constexpr char32_t replacementCharacter = 0xFFFD;
 char32_t decodeCodePoint(std::string_view text, std::size_t& offset) {
     utf8proc_int32_t codePoint = 0;
     const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data() + offset);
-    const auto length = utf8proc_iterate(bytes, static_cast<utf8proc_ssize_t>(text.size() - offset),
-                                         &codePoint);
+    const auto length =
+        utf8proc_iterate(bytes, static_cast<utf8proc_ssize_t>(text.size() - offset), &codePoint);
     if (length <= 0) {
         offset += 1;
         return replacementCharacter;
@@ -33,9 +33,9 @@ bool isValidUtf8(std::string_view bytes) {
     std::size_t offset = 0;
     while (offset < bytes.size()) {
         utf8proc_int32_t codePoint = 0;
-        const auto length = utf8proc_iterate(
-            reinterpret_cast<const utf8proc_uint8_t*>(bytes.data() + offset),
-            static_cast<utf8proc_ssize_t>(bytes.size() - offset), &codePoint);
+        const auto length =
+            utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(bytes.data() + offset),
+                             static_cast<utf8proc_ssize_t>(bytes.size() - offset), &codePoint);
         if (length <= 0) {
             return false;
         }
@@ -71,12 +71,17 @@ bool isNumber(char32_t codePoint) {
 bool isWhitespaceOrNewline(char32_t codePoint) {
     // The Unicode White_Space property: Zs plus the controls and separators below.
     switch (codePoint) {
-    case 0x09: case 0x0A: case 0x0B: case 0x0C: case 0x0D: case 0x85:
-    case 0x2028: case 0x2029:
+    case 0x09:
+    case 0x0A:
+    case 0x0B:
+    case 0x0C:
+    case 0x0D:
+    case 0x85:
+    case 0x2028:
+    case 0x2029:
         return true;
     default:
-        return utf8proc_category(static_cast<utf8proc_int32_t>(codePoint)) ==
-               UTF8PROC_CATEGORY_ZS;
+        return utf8proc_category(static_cast<utf8proc_int32_t>(codePoint)) == UTF8PROC_CATEGORY_ZS;
     }
 }
 

@@ -31,9 +31,12 @@ std::optional<Uuid> Uuid::parse(std::string_view text) {
             continue;
         }
         auto nibble = [](char character) -> int {
-            if (character >= '0' && character <= '9') return character - '0';
-            if (character >= 'a' && character <= 'f') return character - 'a' + 10;
-            if (character >= 'A' && character <= 'F') return character - 'A' + 10;
+            if (character >= '0' && character <= '9')
+                return character - '0';
+            if (character >= 'a' && character <= 'f')
+                return character - 'a' + 10;
+            if (character >= 'A' && character <= 'F')
+                return character - 'A' + 10;
             return -1;
         };
         const int high = nibble(text[index]);

@@ -1,0 +1,124 @@
+#include "core/foundation/AtomicFile.h"
+#include "core/foundation/EventLoop.h"
+#include "core/foundation/Json.h"
+#include "core/foundation/LocalTime.h"
+#include "core/foundation/ManualExecutor.h"
+#include "core/foundation/Uuid.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <regex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace quorlin {
+namespace {
+
+TEST(Uuid, RandomIsVersion4AndRoundTripsThroughText) {
+    const Uuid first = Uuid::random();
+    const std::string text = first.uppercaseString();
+    EXPECT_TRUE(std::regex_match(
+        text, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
+        << text;
+    EXPECT_EQ(Uuid::parse(text), first);
+    EXPECT_NE(Uuid::random(), first);
+    EXPECT_EQ(Uuid::parse("e621e1f8-c36c-495a-93fc-0c247a3e6e5f")->uppercaseString(),
+              "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+    for (const char* bad :
+         {"", "E621E1F8C36C495A93FC0C247A3E6E5F", "E621E1F8-C36C-495A-93FC-0C247A3E6E5G"}) {
+        EXPECT_FALSE(Uuid::parse(bad)) << bad;
+    }
+}
+
+TEST(LocalTime, Iso8601RoundTripsAndHonoursOffsets) {
+    const auto moment = parseIso8601("2024-01-15T10:30:00Z");
+    ASSERT_TRUE(moment);
+    EXPECT_EQ(formatIso8601(*moment), "2024-01-15T10:30:00Z");
+    EXPECT_EQ(parseIso8601("2024-01-15T12:30:00+02:00"), moment);
+    EXPECT_EQ(parseIso8601("2024-01-15T05:30:00-05:00"), moment);
+    EXPECT_NEAR(secondsBetween(*moment, *parseIso8601("2024-01-15T10:30:01.5Z")), 1.5, 1e-6);
+    for (const char* bad : {"2024-01-15", "2024-13-01T00:00:00Z", "2024-02-30T00:00:00Z",
+                            "2024-01-15T10:30:00", "2024-01-15T10:30:00Zjunk"}) {
+        EXPECT_FALSE(parseIso8601(bad)) << bad;
+    }
+}
+
+TEST(LocalTime, LocalMinuteHasTheDisplayShape) {
+    EXPECT_TRUE(std::regex_match(formatLocalMinute(std::chrono::system_clock::now()),
+                                 std::regex(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2})")));
+}
+
+TEST(AtomicFile, ReplacesContentAndLeavesNoTemporaryFile) {
+    testing::TemporaryDirectory directory;
+    const auto file = directory.path() / "settings.json";
+    writeFileAtomically(file, "first");
+    writeFileAtomically(file, "second, longer content");
+    EXPECT_EQ(readFile(file), "second, longer content");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()),
+                            std::filesystem::directory_iterator()),
+              1);
+}
+
+TEST(AtomicFile, FailuresNameTheFile) {
+    testing::TemporaryDirectory directory;
+    const auto missing = directory.path() / "no-such-folder" / "file.json";
+    try {
+        writeFileAtomically(missing, "x");
+        FAIL() << "expected a write failure";
+    } catch (const FileError& error) {
+        EXPECT_EQ(error.kind(), FileError::Kind::writeFailed);
+        EXPECT_NE(std::string(error.what()).find(missing.string()), std::string::npos);
+    }
+    EXPECT_THROW(readFile(missing), FileError);
+    directory.write("blocker", "a file where a folder should go");
+    EXPECT_THROW(createDirectories(directory.path() / "blocker" / "sub"), FileError);
+}
+
+TEST(Json, ParseErrorsAreJsonErrorsAndDumpsNeverThrow) {
+    EXPECT_THROW(parseJson("{\"a\": }"), JsonError);
+    EXPECT_TRUE(parseJsonOrDiscarded("not json").is_discarded());
+    EXPECT_EQ(prettySortedJson(nlohmann::json{{"b", 1}, {"a", 2}}),
+              "{\n  \"a\": 2,\n  \"b\": 1\n}");
+    EXPECT_NO_THROW(compactJson(nlohmann::json("\xff invalid utf-8")));
+}
+
+TEST(ManualExecutor, RunsTasksInOrderAndDelayedOnesWhenDue) {
+    ManualExecutor executor;
+    std::vector<std::string> ran;
+    executor.postAfter(std::chrono::milliseconds(20), [&] { ran.push_back("late"); });
+    executor.postAfter(std::chrono::milliseconds(10), [&] { ran.push_back("soon"); });
+    executor.post([&] {
+        ran.push_back("first");
+        executor.post([&] { ran.push_back("posted by a task"); });
+    });
+    EXPECT_EQ(executor.drain(), 2u);
+    EXPECT_EQ(executor.advanceBy(std::chrono::milliseconds(15)), 1u);
+    EXPECT_EQ(executor.advanceBy(std::chrono::milliseconds(5)), 1u);
+    EXPECT_EQ(ran, (std::vector<std::string>{"first", "posted by a task", "soon", "late"}));
+    EXPECT_EQ(executor.pendingCount(), 0u);
+}
+
+TEST(EventLoop, CallOnMainRunsOnTheLoopThreadAndCarriesResultsAndErrors) {
+    EventLoop loop;
+    std::thread::id loopThread;
+    int answer = 0;
+    bool errorSeen = false;
+    std::thread worker([&] {
+        loopThread = callOnMain(loop, [] { return std::this_thread::get_id(); });
+        answer = callOnMain(loop, [] { return 42; });
+        try {
+            callOnMain(loop, []() -> int { throw Error("from the main thread"); });
+        } catch (const Error& error) {
+            errorSeen = std::string(error.what()) == "from the main thread";
+        }
+        loop.postAfter(std::chrono::milliseconds(1), [&] { loop.quit(); });
+    });
+    loop.run();
+    worker.join();
+    EXPECT_EQ(loopThread, std::this_thread::get_id());
+    EXPECT_EQ(answer, 42);
+    EXPECT_TRUE(errorSeen);
+}
+
+} // namespace
+} // namespace quorlin

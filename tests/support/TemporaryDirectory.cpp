@@ -24,13 +24,17 @@ TemporaryDirectory::~TemporaryDirectory() {
 std::filesystem::path TemporaryDirectory::write(std::string_view relativePath,
                                                 std::string_view text) const {
     const auto file = path_ / relativePath;
+    writeTextFile(file, text);
+    return file;
+}
+
+void writeTextFile(const std::filesystem::path& file, std::string_view text) {
     std::filesystem::create_directories(file.parent_path());
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
     out.write(text.data(), static_cast<std::streamsize>(text.size()));
     if (!out) {
         throw std::runtime_error("could not write " + file.string());
     }
-    return file;
 }
 
 } // namespace quorlin::testing

@@ -23,4 +23,7 @@ private:
     std::filesystem::path path_;
 };
 
+// Writes text to a file, creating its parent folders.
+void writeTextFile(const std::filesystem::path& file, std::string_view text);
+
 } // namespace quorlin::testing

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace quorlin::cli {
+
+using Arguments = std::vector<std::string>;
+
+// Each command takes the words after its name and returns the process exit status.
+int inspectCommand(const Arguments& arguments);
+int runCommand(const Arguments& arguments);
+
+// Prints "quorlin: <message>" to stderr and returns the failure status.
+int fail(const std::string& message);
+
+} // namespace quorlin::cli

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "core/definitions/AppSupportPaths.h"
+#include "core/definitions/QuorlinResources.h"
+#include "core/execution/ScriptRunner.h"
+
+#include <filesystem>
+#include <functional>
+
+namespace quorlin {
+
+// Runs a workflow's script as a child process: the interpreter with the script's
+// absolute path as its one argument, the input document on stdin, the parent's
+// environment with PYTHONUNBUFFERED=1 and the invocation's pairs laid over it.
+class DefaultScriptRunner final : public ScriptRunner {
+public:
+    using RuntimeProvider = std::function<std::filesystem::path(ScriptRuntime)>;
+
+    // Without a provider the interpreter is found by defaultRuntimePath.
+    DefaultScriptRunner(QuorlinResources resources, AppSupportPaths paths,
+                        RuntimeProvider runtimeProvider = {});
+
+    ScriptResult run(const ScriptInvocation& invocation, std::stop_token stopToken) override;
+
+    // The script a workflow's relative path names: refused when it holds "..", looked
+    // up in the workflow's bundle, and required to exist.
+    std::filesystem::path scriptPath(const std::string& workflowID,
+                                     const std::string& relativePath) const;
+
+    // The managed runtime under the data root when it is installed, else the launcher
+    // named "quorlin-python" or "quorlin-node" beside the executable.
+    static std::filesystem::path defaultRuntimePath(ScriptRuntime runtime,
+                                                    const QuorlinResources& resources,
+                                                    const AppSupportPaths& paths);
+
+private:
+    QuorlinResources resources_;
+    AppSupportPaths paths_;
+    RuntimeProvider runtimeProvider_;
+};
+
+} // namespace quorlin

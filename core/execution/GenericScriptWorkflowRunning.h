@@ -1,0 +1,48 @@
+#pragma once
+
+#include "core/execution/ApprovalProposal.h"
+#include "core/execution/GenericScriptWorkflowRecords.h"
+#include "core/stores/AppSettings.h"
+
+#include <functional>
+#include <map>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+namespace quorlin {
+
+using EnvironmentOverrides = std::map<std::string, std::string>;
+using ProgressCallback = std::function<void(const GenericScriptWorkflowProgress&)>;
+
+// What a run needs besides the workflow: the settings copy, the environment laid over
+// every script's, where progress goes (called on the main executor) and the stop.
+struct WorkflowRunRequest {
+    AppSettings settings;
+    EnvironmentOverrides environmentOverrides;
+    ProgressCallback progress;
+    std::stop_token stopToken;
+};
+
+// The face of the run driver that the run coordinator holds. All three block the
+// calling worker thread until the run ends, stops at its gate, or fails.
+class GenericScriptWorkflowRunning {
+public:
+    virtual ~GenericScriptWorkflowRunning() = default;
+
+    // Every step, first to last, for a workflow with no approval gate.
+    virtual GenericScriptWorkflowRunResult run(const std::string& flowID,
+                                               const WorkflowRunRequest& request) = 0;
+
+    // The steps up to the first "batch-approval" step, then the checkpoint.
+    virtual GenericWorkflowApprovalCheckpoint
+    runUntilApproval(const std::string& flowID, const WorkflowRunRequest& request) = 0;
+
+    // The steps behind the gate, with the rows the user approved.
+    virtual GenericScriptWorkflowRunResult
+    resumeFromApproval(const GenericWorkflowApprovalCheckpoint& checkpoint,
+                       const std::vector<ApprovalProposal>& approvedItems,
+                       const WorkflowRunRequest& request) = 0;
+};
+
+} // namespace quorlin
