@@ -5,6 +5,8 @@ find_package(nlohmann_json 3.10 REQUIRED)
 pkg_check_modules(YAML REQUIRED IMPORTED_TARGET yaml-0.1)
 pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)
 pkg_check_modules(LIBCRYPTO REQUIRED IMPORTED_TARGET libcrypto)
+pkg_check_modules(LIBARCHIVE REQUIRED IMPORTED_TARGET libarchive)
+pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
 
 if(QUORLIN_BUILD_TESTS)
     find_package(GTest REQUIRED)
