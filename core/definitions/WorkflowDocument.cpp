@@ -1,183 +1,13 @@
 #include "WorkflowDocument.h"
 
 #include "core/definitions/DecodingError.h"
+#include "core/definitions/RecordDecoding.h"
 #include "core/definitions/WorkflowValueCoding.h"
 #include "core/foundation/Text.h"
 
 namespace quorlin {
 
 namespace {
-
-constexpr std::size_t quotedTextLimit = 60;
-
-// What a node holds, for "found ..." in error messages.
-std::string describe(const YamlNode& node) {
-    if (node.isSequence()) {
-        return "a sequence";
-    }
-    if (node.isMapping()) {
-        return "a mapping";
-    }
-    if (node.plain && node.text.empty()) {
-        return "an empty value";
-    }
-    if (node.text.size() <= quotedTextLimit) {
-        return "\"" + node.text + "\"";
-    }
-    // Cut at a character boundary so the message stays valid UTF-8.
-    std::size_t cut = quotedTextLimit;
-    while (cut > 0 && (static_cast<unsigned char>(node.text[cut]) & 0xC0U) == 0x80U) {
-        --cut;
-    }
-    return "\"" + node.text.substr(0, cut) + "...\"";
-}
-
-std::string keyPath(const std::string& path, std::string_view key) {
-    return path.empty() ? std::string(key) : path + "." + std::string(key);
-}
-
-std::string indexPath(const std::string& path, std::size_t index) {
-    return path + "[" + std::to_string(index) + "]";
-}
-
-[[noreturn]] void mismatch(const YamlNode& node, const std::string& path, std::string expected) {
-    throw DecodingError(DecodingError::Kind::typeMismatch, path, std::move(expected),
-                        describe(node), node.mark);
-}
-
-// A String field keeps the scalar's text as written, quoted or not.
-std::string scalarText(const YamlNode& node, const std::string& path) {
-    if (!node.isScalar()) {
-        mismatch(node, path, "text");
-    }
-    return node.text;
-}
-
-std::vector<std::string> textList(const YamlNode& node, const std::string& path) {
-    if (!node.isSequence()) {
-        mismatch(node, path, "a sequence");
-    }
-    std::vector<std::string> result;
-    result.reserve(node.items.size());
-    for (std::size_t index = 0; index < node.items.size(); ++index) {
-        result.push_back(scalarText(node.items[index], indexPath(path, index)));
-    }
-    return result;
-}
-
-WorkflowValueMap valueMap(const YamlNode& node, const std::string& path) {
-    if (!node.isMapping()) {
-        mismatch(node, path, "a mapping");
-    }
-    WorkflowValueMap result;
-    for (const auto& [key, value] : node.entries) {
-        result.insert_or_assign(key, workflowValueFromYaml(value));
-    }
-    return result;
-}
-
-template <typename Decode>
-auto sequenceOf(const YamlNode& node, const std::string& path, Decode decode) {
-    if (!node.isSequence()) {
-        mismatch(node, path, "a sequence");
-    }
-    std::vector<decltype(decode(node, path))> result;
-    result.reserve(node.items.size());
-    for (std::size_t index = 0; index < node.items.size(); ++index) {
-        result.push_back(decode(node.items[index], indexPath(path, index)));
-    }
-    return result;
-}
-
-// The keys of one mapping being decoded into a record. Optional keys that are missing or
-// hold a null spelling are absent; required keys must be there.
-class Fields {
-public:
-    Fields(const YamlNode& node, std::string path) : node_(node), path_(std::move(path)) {
-        if (!node.isMapping()) {
-            mismatch(node, path_, "a mapping");
-        }
-    }
-
-    std::string path(std::string_view key) const { return keyPath(path_, key); }
-
-    const YamlNode& required(std::string_view key) const {
-        const auto* value = node_.find(key);
-        if (value == nullptr) {
-            throw DecodingError(DecodingError::Kind::keyNotFound, path_, std::string(key), {},
-                                node_.mark);
-        }
-        return *value;
-    }
-
-    const YamlNode* optional(std::string_view key) const {
-        const auto* value = node_.find(key);
-        return value == nullptr || isYamlNull(*value) ? nullptr : value;
-    }
-
-    std::string requiredText(std::string_view key) const {
-        return scalarText(required(key), path(key));
-    }
-
-    std::optional<std::string> optionalText(std::string_view key) const {
-        const auto* value = optional(key);
-        return value ? std::optional(scalarText(*value, path(key))) : std::nullopt;
-    }
-
-    std::optional<std::vector<std::string>> optionalTextList(std::string_view key) const {
-        const auto* value = optional(key);
-        return value ? std::optional(textList(*value, path(key))) : std::nullopt;
-    }
-
-    std::optional<std::int64_t> optionalInteger(std::string_view key) const {
-        const auto* value = optional(key);
-        if (value == nullptr) {
-            return std::nullopt;
-        }
-        const auto integer = yamlInteger(*value);
-        if (!integer) {
-            mismatch(*value, path(key), "an integer");
-        }
-        return integer;
-    }
-
-    std::optional<bool> optionalBool(std::string_view key) const {
-        const auto* value = optional(key);
-        if (value == nullptr) {
-            return std::nullopt;
-        }
-        const auto flag = yamlBool(*value);
-        if (!flag) {
-            mismatch(*value, path(key), "a boolean");
-        }
-        return flag;
-    }
-
-    std::optional<WorkflowValueMap> optionalValueMap(std::string_view key) const {
-        const auto* value = optional(key);
-        return value ? std::optional(valueMap(*value, path(key))) : std::nullopt;
-    }
-
-    template <typename Decode> auto requiredSequence(std::string_view key, Decode decode) const {
-        return sequenceOf(required(key), path(key), decode);
-    }
-
-    template <typename Decode> auto optionalSequence(std::string_view key, Decode decode) const {
-        const auto* value = optional(key);
-        using Result = decltype(sequenceOf(*value, path(key), decode));
-        return value ? std::optional<Result>(sequenceOf(*value, path(key), decode)) : std::nullopt;
-    }
-
-    template <typename Decode> auto optionalRecord(std::string_view key, Decode decode) const {
-        const auto* value = optional(key);
-        using Result = decltype(decode(*value, path(key)));
-        return value ? std::optional<Result>(decode(*value, path(key))) : std::nullopt;
-    }
-
-private:
-    const YamlNode& node_;
-    std::string path_;
-};
 
 ROIConfiguration decodeROI(const YamlNode& node, const std::string& path) {
     const Fields fields(node, path);
@@ -194,7 +24,7 @@ WorkflowLLMRequirement decodeLLMRequirement(const YamlNode& node, const std::str
 std::map<std::string, WorkflowLLMRequirement> decodeLLMRequirements(const YamlNode& node,
                                                                     const std::string& path) {
     if (!node.isMapping()) {
-        mismatch(node, path, "a mapping");
+        throwTypeMismatch(node, path, "a mapping");
     }
     std::map<std::string, WorkflowLLMRequirement> result;
     for (const auto& [role, value] : node.entries) {
@@ -225,7 +55,8 @@ std::optional<StepErrorBehavior> decodeErrorBehavior(const Fields& fields) {
     if (*raw == "halt") {
         return StepErrorBehavior::halt;
     }
-    mismatch(*fields.optional("on_error"), fields.path("on_error"), "\"warn\" or \"halt\"");
+    throwTypeMismatch(*fields.optional("on_error"), fields.path("on_error"),
+                      "\"warn\" or \"halt\"");
 }
 
 FlowStep decodeStep(const YamlNode& node, const std::string& path) {
