@@ -105,17 +105,24 @@ std::string trimmed(std::string_view text) {
     return seenContent ? std::string(text.substr(begin, end - begin)) : std::string();
 }
 
-std::string lowercased(std::string_view text) {
+namespace {
+
+std::string mapped(std::string_view text, utf8proc_int32_t (*mapping)(utf8proc_int32_t)) {
     std::string result;
     result.reserve(text.size());
     std::size_t offset = 0;
     while (offset < text.size()) {
         const char32_t codePoint = decodeCodePoint(text, offset);
-        appendCodePoint(result, static_cast<char32_t>(
-                                    utf8proc_tolower(static_cast<utf8proc_int32_t>(codePoint))));
+        appendCodePoint(result, static_cast<char32_t>(mapping(static_cast<utf8proc_int32_t>(codePoint))));
     }
     return result;
 }
+
+} // namespace
+
+std::string lowercased(std::string_view text) { return mapped(text, utf8proc_tolower); }
+
+std::string uppercased(std::string_view text) { return mapped(text, utf8proc_toupper); }
 
 bool startsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;

@@ -12,8 +12,9 @@ namespace quorlin {
 // Trims Unicode white space and line ends from both ends.
 std::string trimmed(std::string_view text);
 
-// Unicode lowercase mapping.
+// Unicode case mappings, code point by code point.
 std::string lowercased(std::string_view text);
+std::string uppercased(std::string_view text);
 
 bool isValidUtf8(std::string_view bytes);
 

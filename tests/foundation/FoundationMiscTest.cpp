@@ -120,5 +120,24 @@ TEST(EventLoop, CallOnMainRunsOnTheLoopThreadAndCarriesResultsAndErrors) {
     EXPECT_TRUE(errorSeen);
 }
 
+TEST(ManualExecutor, StoppedWorkerStopsWaitingForTheMainThread) {
+    ManualExecutor executor; // never drained: the main thread is busy elsewhere
+    std::stop_source stop;
+    bool cancelled = false;
+    std::thread worker([&] {
+        try {
+            callOnMain(executor, [] {}, stop.get_token());
+        } catch (const CancellationError&) {
+            cancelled = true;
+        }
+    });
+    while (!executor.waitForTask(std::chrono::milliseconds(10))) {
+    }
+    stop.request_stop();
+    worker.join();
+    EXPECT_TRUE(cancelled);
+    EXPECT_EQ(executor.drain(), 1u); // the task still runs later, safely
+}
+
 } // namespace
 } // namespace quorlin

@@ -1,0 +1,35 @@
+#include "ScratchDirectory.h"
+
+#include "AtomicFile.h"
+#include "Uuid.h"
+
+#include <string>
+#include <system_error>
+
+namespace quorlin {
+
+ScratchDirectory::ScratchDirectory(std::string_view prefix) {
+    std::error_code error;
+    const auto base = std::filesystem::temp_directory_path(error);
+    if (error) {
+        throw FileError(FileError::Kind::createDirectoryFailed, "temporary directory",
+                        error.message());
+    }
+    path_ = base / (std::string(prefix) + Uuid::random().uppercaseString());
+    createDirectories(path_);
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, error);
+    if (error) {
+        const std::string reason = error.message();
+        std::filesystem::remove_all(path_, error);
+        throw FileError(FileError::Kind::createDirectoryFailed, path_, reason);
+    }
+}
+
+ScratchDirectory::~ScratchDirectory() {
+    // Best effort: a destructor can't report, and a leftover scratch directory in the
+    // system's temp dir harms nothing.
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+} // namespace quorlin

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <filesystem>
+#include <string_view>
+
+namespace quorlin {
+
+// A private working directory, <system temp dir>/<prefix><UUID>, readable by this user
+// alone. It is removed with everything in it when the object goes away, whatever the
+// outcome of the work done in it.
+class ScratchDirectory {
+public:
+    // Throws FileError when the directory can't be created.
+    explicit ScratchDirectory(std::string_view prefix);
+    ~ScratchDirectory();
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+} // namespace quorlin
