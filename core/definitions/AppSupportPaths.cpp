@@ -2,26 +2,15 @@
 
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/Text.h"
+#include "core/foundation/UserPaths.h"
 
 #include <cstdlib>
-#include <pwd.h>
-#include <unistd.h>
 
 #include <utf8proc.h>
 
 namespace quorlin {
 
 namespace {
-
-std::filesystem::path homeDirectory() {
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
-        return home;
-    }
-    if (const passwd* entry = getpwuid(getuid()); entry != nullptr && entry->pw_dir != nullptr) {
-        return entry->pw_dir;
-    }
-    return "/";
-}
 
 std::filesystem::path defaultRoot() {
     // XDG says a relative XDG_DATA_HOME is invalid and must be ignored.

@@ -2,82 +2,91 @@
 
 #include "core/foundation/AtomicFile.h"
 
-#include <algorithm>
 #include <system_error>
 
 namespace quorlin {
 
 namespace {
 
-std::string loaderMessage(WorkflowLoaderError::Kind kind, const std::string& payload) {
-    switch (kind) {
-    case WorkflowLoaderError::Kind::workflowNotFound:
-        return "Workflow not found: " + payload;
-    case WorkflowLoaderError::Kind::message:
-        return payload;
-    }
-    return payload;
+std::string describe(WorkflowLoaderError::Kind kind, const std::string& payload) {
+    return kind == WorkflowLoaderError::Kind::workflowNotFound ? "Workflow not found: " + payload
+                                                               : payload;
+}
+
+bool fileExists(const std::filesystem::path& file) {
+    std::error_code error;
+    return std::filesystem::exists(file, error);
 }
 
 } // namespace
 
 WorkflowLoaderError::WorkflowLoaderError(Kind kind, const std::string& payload)
-    : Error(loaderMessage(kind, payload)), kind_(kind) {}
+    : Error(describe(kind, payload)), kind_(kind) {}
 
-WorkflowLoader::WorkflowLoader(QuorlinResources resources) : resources_(std::move(resources)) {}
+WorkflowLoader::WorkflowLoader(WorkflowBundleLocator locator, WorkflowBlockValidator validator)
+    : locator_(std::move(locator)), validator_(std::move(validator)) {}
 
 WorkflowDocument WorkflowLoader::loadWorkflow(const std::filesystem::path& file) const {
     return decodeWorkflowDocumentYaml(readFile(file));
 }
 
-std::vector<WorkflowBundleReference> WorkflowLoader::bundledWorkflowReferences() const {
-    std::vector<WorkflowBundleReference> references;
-    const auto workflows = resources_.workflowsDirectory();
-    std::error_code error;
-    if (!workflows || !std::filesystem::is_directory(*workflows, error)) {
-        return references;
-    }
-    std::vector<std::filesystem::path> folders;
-    for (const auto& entry : std::filesystem::directory_iterator(*workflows, error)) {
-        if (entry.is_directory(error) &&
-            std::filesystem::exists(entry.path() / "flow.yaml", error)) {
-            folders.push_back(entry.path());
-        }
-    }
-    std::sort(folders.begin(), folders.end());
-    for (const auto& folder : folders) {
-        try {
-            const auto document = loadWorkflow(folder / "flow.yaml");
-            references.push_back({document.flow.id, folder, WorkflowSourceKind::bundled});
-        } catch (const std::exception&) {
-            // A broken bundle is reported when it is run by name; the list stays usable.
-        }
-    }
-    return references;
-}
-
-WorkflowBundleReference
-WorkflowLoader::availableWorkflowReference(const std::string& workflowID) const {
-    for (auto& reference : bundledWorkflowReferences()) {
-        if (reference.flowID == workflowID) {
-            return reference;
-        }
-    }
-    throw WorkflowLoaderError(WorkflowLoaderError::Kind::workflowNotFound, workflowID);
-}
-
 std::filesystem::path WorkflowLoader::workflowFile(const WorkflowBundleReference& reference) const {
-    auto file = reference.directory / "flow.yaml";
-    std::error_code error;
-    if (!std::filesystem::exists(file, error)) {
+    const auto file = reference.manifest ? reference.directory / reference.manifest->plugin.entrypoint
+                                         : reference.directory / "flow.yaml";
+    if (!fileExists(file)) {
         throw WorkflowLoaderError(WorkflowLoaderError::Kind::workflowNotFound, reference.flowID);
     }
     return file;
 }
 
-WorkflowDocument
-WorkflowLoader::loadWorkflowBundle(const WorkflowBundleReference& reference) const {
-    return loadWorkflow(workflowFile(reference));
+WorkflowDocument WorkflowLoader::loadWorkflowBundle(const WorkflowBundleReference& reference) const {
+    auto document = loadWorkflow(workflowFile(reference));
+    validateWorkflowBlocks(document, reference.directory);
+    return document;
+}
+
+WorkflowDocument WorkflowLoader::loadBundledWorkflow(const std::string& workflowID) const {
+    const auto workflows = locator_.resources().workflowsDirectory();
+    if (!workflows) {
+        throw WorkflowLoaderError(WorkflowLoaderError::Kind::invalidResourcePath,
+                                  "Bundle has no resource URL");
+    }
+    const auto file = *workflows / workflowID / "flow.yaml";
+    if (!fileExists(file)) {
+        throw WorkflowLoaderError(WorkflowLoaderError::Kind::workflowNotFound, workflowID);
+    }
+    auto document = loadWorkflow(file);
+    validateWorkflowBlocks(document, file.parent_path());
+    return document;
+}
+
+WorkflowDocument WorkflowLoader::loadInstalledWorkflow(const std::string& flowID) const {
+    const auto reference = locator_.activeInstalledWorkflowReference(flowID);
+    if (!reference) {
+        throw WorkflowLoaderError(WorkflowLoaderError::Kind::workflowNotFound, flowID);
+    }
+    return loadWorkflowBundle(*reference);
+}
+
+WorkflowBundleReference WorkflowLoader::availableWorkflowReference(const std::string& workflowID) const {
+    if (auto installed = locator_.activeInstalledWorkflowReference(workflowID)) {
+        return std::move(*installed);
+    }
+    for (auto& reference : locator_.bundledWorkflowReferences()) {
+        if (reference.flowID == workflowID) {
+            return std::move(reference);
+        }
+    }
+    throw WorkflowLoaderError(WorkflowLoaderError::Kind::workflowNotFound, workflowID);
+}
+
+WorkflowDocument WorkflowLoader::loadAvailableWorkflow(const std::string& workflowID) const {
+    return loadWorkflowBundle(availableWorkflowReference(workflowID));
+}
+
+std::vector<WorkflowBlockResolution> WorkflowLoader::validateWorkflowBlocks(
+    const WorkflowDocument& document, const std::filesystem::path& bundleDirectory) const {
+    return validator_.validate(document, bundleDirectory);
 }
 
 } // namespace quorlin

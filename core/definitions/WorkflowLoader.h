@@ -1,6 +1,7 @@
 #pragma once
 
-#include "core/definitions/QuorlinResources.h"
+#include "core/definitions/WorkflowBlockValidator.h"
+#include "core/definitions/WorkflowBundleLocator.h"
 #include "core/definitions/WorkflowDocument.h"
 #include "core/foundation/Error.h"
 
@@ -12,9 +13,9 @@ namespace quorlin {
 
 class WorkflowLoaderError : public Error {
 public:
-    enum class Kind { workflowNotFound, message };
+    enum class Kind { workflowNotFound, invalidResourcePath, message };
 
-    // payload: the workflow id for workflowNotFound, the whole text for message.
+    // payload: the workflow id for workflowNotFound, the whole text otherwise.
     WorkflowLoaderError(Kind kind, const std::string& payload);
 
     Kind kind() const { return kind_; }
@@ -23,36 +24,37 @@ private:
     Kind kind_;
 };
 
-enum class WorkflowSourceKind { bundled, installed };
-
-// A workflow bundle found on disk: the directory holding its flow.yaml.
-struct WorkflowBundleReference {
-    std::string flowID;
-    std::filesystem::path directory;
-    WorkflowSourceKind source = WorkflowSourceKind::bundled;
-};
-
-// Turns a bundle on disk into a WorkflowDocument. It never runs code and never writes.
+// Turns a bundle on disk into a WorkflowDocument and refuses one whose steps don't match
+// their blocks. Bundled and installed workflows pass the same gate. It never runs code
+// and never writes.
 class WorkflowLoader {
 public:
-    explicit WorkflowLoader(QuorlinResources resources);
+    WorkflowLoader(WorkflowBundleLocator locator, WorkflowBlockValidator validator = WorkflowBlockValidator());
 
-    // Reads and decodes one flow.yaml; YAML and decoding errors pass through unchanged.
+    // Reads and decodes one workflow file, with no block validation.
     WorkflowDocument loadWorkflow(const std::filesystem::path& file) const;
 
-    // The bundled workflows, one per folder of the resource "Workflows" directory that
-    // holds a flow.yaml whose id can be read, in folder-name order. A folder that can't
-    // be read is left out, so one bad file never hides the rest.
-    std::vector<WorkflowBundleReference> bundledWorkflowReferences() const;
-
-    // The bundle in force for a workflow id, or workflowNotFound.
-    WorkflowBundleReference availableWorkflowReference(const std::string& workflowID) const;
-
+    // The file to read for a bundle: the manifest's entrypoint, else flow.yaml.
     std::filesystem::path workflowFile(const WorkflowBundleReference& reference) const;
+    // Reads, decodes and validates the blocks of a bundle.
     WorkflowDocument loadWorkflowBundle(const WorkflowBundleReference& reference) const;
 
+    WorkflowDocument loadBundledWorkflow(const std::string& workflowID) const;
+    WorkflowDocument loadInstalledWorkflow(const std::string& flowID) const;
+
+    // The active installed bundle of an id, else the bundled one, else workflowNotFound:
+    // an installed workflow shadows a bundled one of the same id.
+    WorkflowBundleReference availableWorkflowReference(const std::string& workflowID) const;
+    WorkflowDocument loadAvailableWorkflow(const std::string& workflowID) const;
+
+    std::vector<WorkflowBlockResolution> validateWorkflowBlocks(
+        const WorkflowDocument& document, const std::filesystem::path& bundleDirectory) const;
+
+    const WorkflowBundleLocator& locator() const { return locator_; }
+
 private:
-    QuorlinResources resources_;
+    WorkflowBundleLocator locator_;
+    WorkflowBlockValidator validator_;
 };
 
 } // namespace quorlin
