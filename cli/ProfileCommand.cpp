@@ -1,0 +1,35 @@
+#include "cli/Commands.h"
+#include "core/definitions/AppSupportPaths.h"
+#include "core/definitions/ClientProfileStore.h"
+#include "core/definitions/DecodingError.h"
+#include "core/definitions/QuorlinResources.h"
+#include "core/foundation/YamlNode.h"
+
+#include <iostream>
+
+namespace quorlin::cli {
+
+// Prints the client profile as the engine reads it, in the form a save writes it, so a
+// user sees what every key resolved to ("default_provider" shows as "default").
+int profileCommand(const Arguments& arguments) {
+    const bool pathOnly = arguments.size() == 1 && arguments[0] == "--path";
+    if (!arguments.empty() && !pathOnly) {
+        return fail("usage: quorlin profile [--path]");
+    }
+    const ClientProfileStore store(AppSupportPaths::fromEnvironment());
+    if (pathOnly) {
+        std::cout << store.profilePath().string() << '\n';
+        return 0;
+    }
+    try {
+        const auto document = store.loadOrCreateDefault(QuorlinResources::installed());
+        std::cout << encodeClientProfileDocumentYaml(document);
+        return 0;
+    } catch (const YamlError& error) {
+        return fail(store.profilePath().string() + ": " + error.what());
+    } catch (const DecodingError& error) {
+        return fail(store.profilePath().string() + ": " + error.what());
+    }
+}
+
+} // namespace quorlin::cli
