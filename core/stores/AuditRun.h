@@ -1,7 +1,11 @@
 #pragma once
 
+#include "core/foundation/Uuid.h"
+
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace quorlin {
 
@@ -22,6 +26,31 @@ struct AuditStepRecord {
     std::optional<std::string> outputJSON;
     std::optional<std::string> errorJSON;
     friend bool operator==(const AuditStepRecord&, const AuditStepRecord&) = default;
+};
+
+// One finished (or failed) run as the history keeps it. timestamp, trigger and status
+// are the caller's words; the store keeps them as opaque text.
+struct AuditRun {
+    Uuid id;
+    std::string flowID;
+    std::string flowName;
+    std::string timestamp;
+    std::string trigger;
+    std::string status;
+    std::string outputSummary;
+    std::int64_t minutesSaved = 0;
+    double llmCostUSD = 0;
+    double durationSeconds = 0;
+    std::vector<AuditStepTiming> stepTimings; // in step order
+    std::vector<AuditStepRecord> stepRecords; // in step order
+    std::optional<std::string> outputFolder;
+    friend bool operator==(const AuditRun&, const AuditRun&) = default;
+};
+
+// The whole history, oldest run first.
+struct AuditLogDocument {
+    std::vector<AuditRun> runs;
+    friend bool operator==(const AuditLogDocument&, const AuditLogDocument&) = default;
 };
 
 } // namespace quorlin

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "core/foundation/Error.h"
+#include "core/stores/AuditRun.h"
+
+#include <filesystem>
+#include <string>
+
+namespace quorlin {
+
+class AppSupportPaths;
+
+class AuditLogStoreError : public Error {
+public:
+    enum class Kind { sqlite };
+
+    static AuditLogStoreError sqlite(std::string detail);
+
+    // detail: SQLite's own message, or ours where it has none.
+    AuditLogStoreError(Kind kind, std::string detail);
+
+    Kind kind() const { return kind_; }
+    const std::string& detail() const { return detail_; }
+
+private:
+    Kind kind_;
+    std::string detail_;
+};
+
+// How the run coordinator records a finished run, so a test can hand it something else.
+class AuditLogWriting {
+public:
+    virtual ~AuditLogWriting() = default;
+    virtual void append(const AuditRun& run) = 0;
+};
+
+// The audit history in the SQLite database quorlin.sqlite. The only code that touches
+// that database.
+//
+// Write-through, nothing cached: every call opens its own connections, makes sure the
+// schema is there, does its work in one transaction where it writes, and closes. So any
+// number of stores (and processes) may point at the same file. Constructing a store
+// touches nothing on disk; the folder, the file and the tables appear on the first call.
+//
+// The old audit-log.json beside the database is imported once, by load() or append(),
+// into a database that holds no run yet; the file itself is never changed or removed.
+// A legacy file that can't be read or decoded fails both calls with its own error
+// (FileError, JsonError, DecodingError) until it is mended or moved away, so no history
+// is dropped silently.
+//
+// Other failures throw AuditLogStoreError, except a folder that can't be created
+// (FileError). A failed call leaves the previous content.
+class AuditLogStore final : public AuditLogWriting {
+public:
+    // quorlin.sqlite and audit-log.json in the data root.
+    explicit AuditLogStore(const AppSupportPaths& paths);
+    AuditLogStore(std::filesystem::path databasePath, std::filesystem::path legacyPath);
+
+    // Every run with its steps, in history order: the order runs were last written.
+    AuditLogDocument load() const;
+
+    // Adds the run at the end of the history, or replaces the run with the same id (its
+    // step rows included) and moves it to the end.
+    void append(const AuditRun& run) override;
+
+    // Replaces the whole content by the document's runs, in its order. Never imports
+    // the legacy file.
+    void save(const AuditLogDocument& document);
+
+    const std::filesystem::path& databasePath() const { return databasePath_; }
+    const std::filesystem::path& legacyPath() const { return legacyPath_; }
+
+private:
+    std::filesystem::path databasePath_;
+    std::filesystem::path legacyPath_;
+};
+
+} // namespace quorlin
