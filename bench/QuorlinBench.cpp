@@ -53,8 +53,8 @@ void BM_ScriptStepOverhead(benchmark::State& state) {
     const auto python = testing::systemInterpreter("python");
     EventLoop unusedMainThread; // no progress callback is given, so nothing is posted
     GenericScriptWorkflowService service(
-        WorkflowLoader(fixture.resources()),
-        std::make_shared<DefaultScriptRunner>(fixture.resources(), fixture.paths(),
+        WorkflowLoader(fixture.locator()),
+        std::make_shared<DefaultScriptRunner>(fixture.locator(),
                                               [&](ScriptRuntime) { return python; }),
         fixture.paths(), unusedMainThread);
 

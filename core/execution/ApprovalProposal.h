@@ -30,4 +30,8 @@ struct ApprovalProposal {
 // JSON keys equal the field names; absent optionals are left out.
 nlohmann::ordered_json toJson(const ApprovalProposal& proposal);
 
+// Reads a proposal written by toJson; a missing key or a wrong type throws DecodingError
+// naming codingPath.
+ApprovalProposal decodeApprovalProposal(const nlohmann::json& json, const std::string& codingPath);
+
 } // namespace quorlin

@@ -1,7 +1,6 @@
 #include "DefaultScriptRunner.h"
 
 #include "core/foundation/ChildProcess.h"
-#include "core/foundation/LocalTime.h"
 #include "core/foundation/Text.h"
 #include "core/runtimes/ManagedRuntimeCatalog.h"
 
@@ -32,12 +31,12 @@ std::string utf8OrEmpty(const std::string& bytes) {
 
 } // namespace
 
-DefaultScriptRunner::DefaultScriptRunner(QuorlinResources resources, AppSupportPaths paths,
+DefaultScriptRunner::DefaultScriptRunner(WorkflowBundleLocator locator,
                                          RuntimeProvider runtimeProvider)
-    : resources_(std::move(resources)), paths_(std::move(paths)),
-      runtimeProvider_(std::move(runtimeProvider)) {
+    : locator_(std::move(locator)), runtimeProvider_(std::move(runtimeProvider)) {
     if (!runtimeProvider_) {
-        runtimeProvider_ = [resources = resources_, paths = paths_](ScriptRuntime runtime) {
+        runtimeProvider_ = [resources = locator_.resources(),
+                            paths = locator_.paths()](ScriptRuntime runtime) {
             return defaultRuntimePath(runtime, resources, paths);
         };
     }
@@ -49,12 +48,16 @@ std::filesystem::path DefaultScriptRunner::scriptPath(const std::string& workflo
     if (relativePath.find("..") != std::string::npos) {
         throw ScriptRunnerError::invalidPath(relativePath);
     }
-    const auto workflows = resources_.workflowsDirectory();
-    if (!workflows) {
+    std::filesystem::path root;
+    if (const auto installed = locator_.activeInstalledWorkflowReference(workflowID)) {
+        root = installed->directory;
+    } else if (const auto workflows = locator_.resources().workflowsDirectory()) {
+        root = *workflows / workflowID;
+    } else {
         throw ScriptRunnerError::workflowNotFound(workflowID);
     }
     // Appended as text, so an absolute relativePath stays inside the bundle.
-    const std::filesystem::path script((*workflows / workflowID).string() + "/" + relativePath);
+    const std::filesystem::path script(root.string() + "/" + relativePath);
     std::error_code error;
     if (!std::filesystem::exists(script, error)) {
         throw ScriptRunnerError::scriptNotFound(relativePath);

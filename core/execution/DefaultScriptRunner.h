@@ -1,7 +1,6 @@
 #pragma once
 
-#include "core/definitions/AppSupportPaths.h"
-#include "core/definitions/QuorlinResources.h"
+#include "core/definitions/WorkflowBundleLocator.h"
 #include "core/execution/ScriptRunner.h"
 
 #include <filesystem>
@@ -17,13 +16,14 @@ public:
     using RuntimeProvider = std::function<std::filesystem::path(ScriptRuntime)>;
 
     // Without a provider the interpreter is found by defaultRuntimePath.
-    DefaultScriptRunner(QuorlinResources resources, AppSupportPaths paths,
-                        RuntimeProvider runtimeProvider = {});
+    explicit DefaultScriptRunner(WorkflowBundleLocator locator,
+                                 RuntimeProvider runtimeProvider = {});
 
     ScriptResult run(const ScriptInvocation& invocation, std::stop_token stopToken) override;
 
     // The script a workflow's relative path names: refused when it holds "..", looked
-    // up in the workflow's bundle, and required to exist.
+    // up in the workflow's active installed bundle, else its bundled one, and required to
+    // exist. The bundle is looked up afresh by id on every run.
     std::filesystem::path scriptPath(const std::string& workflowID,
                                      const std::string& relativePath) const;
 
@@ -34,8 +34,7 @@ public:
                                                     const AppSupportPaths& paths);
 
 private:
-    QuorlinResources resources_;
-    AppSupportPaths paths_;
+    WorkflowBundleLocator locator_;
     RuntimeProvider runtimeProvider_;
 };
 

@@ -23,7 +23,39 @@ std::string describe(GenericWorkflowStepError::Kind kind, const std::string& ste
     return {};
 }
 
+std::string describe(GenericNativeWorkflowError::Kind kind, const std::string& text) {
+    using Kind = GenericNativeWorkflowError::Kind;
+    switch (kind) {
+    case Kind::missingStagedFile:
+        return "Download step produced no attachment: " + text;
+    case Kind::invalidTargetYearMonth:
+        return "Target Year-Month " + text + " is invalid. Use YYYY-MM or YYYYMM.";
+    case Kind::missingPromptTemplate:
+        return "LLM step is missing prompt_template: " + text;
+    case Kind::missingFallbackScript:
+        return "LLM step is missing fallback_script: " + text;
+    case Kind::missingLLMProviderConfiguration:
+        return "LLM provider not configured: " + text;
+    case Kind::unsupportedLLMRoute:
+        return "Unsupported LLM route: " + text;
+    case Kind::unsupportedLLMFallback:
+        return "Unsupported LLM fallback_strategy: " + text;
+    case Kind::noMessagesFound:
+        return "Gmail returned no messages; stopping run.";
+    case Kind::noPDFAttachmentsFound:
+        return "Gmail found messages, but none had a PDF attachment to file.";
+    case Kind::missingBundledDataset:
+        return "Workflow's bundled naming example dataset is missing.";
+    case Kind::missingGmailAccessToken:
+        return "No Google account signed in.";
+    }
+    return text;
+}
+
 } // namespace
+
+GenericNativeWorkflowError::GenericNativeWorkflowError(Kind kind, const std::string& text)
+    : Error(describe(kind, text)), kind_(kind) {}
 
 GenericWorkflowStepError::GenericWorkflowStepError(Kind kind, const std::string& stepID)
     : Error(describe(kind, stepID)), kind_(kind) {}

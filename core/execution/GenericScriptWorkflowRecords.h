@@ -102,6 +102,30 @@ private:
     Kind kind_;
 };
 
+class GenericNativeWorkflowError : public Error {
+public:
+    enum class Kind {
+        missingStagedFile,               // text: the original file name
+        invalidTargetYearMonth,          // text: the value given
+        missingPromptTemplate,           // text: the step id
+        missingFallbackScript,           // text: the step id
+        missingLLMProviderConfiguration, // text: the provider
+        unsupportedLLMRoute,             // text: the route
+        unsupportedLLMFallback,          // text: the strategy
+        noMessagesFound,
+        noPDFAttachmentsFound,
+        missingBundledDataset,
+        missingGmailAccessToken
+    };
+
+    explicit GenericNativeWorkflowError(Kind kind, const std::string& text = {});
+
+    Kind kind() const { return kind_; }
+
+private:
+    Kind kind_;
+};
+
 class ExecutionEngineError : public Error {
 public:
     enum class Kind { missingHandler };

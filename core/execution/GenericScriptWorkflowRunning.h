@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/definitions/ClientProfileDocument.h"
 #include "core/execution/ApprovalProposal.h"
 #include "core/execution/GenericScriptWorkflowRecords.h"
 #include "core/stores/AppSettings.h"
@@ -15,10 +16,12 @@ namespace quorlin {
 using EnvironmentOverrides = std::map<std::string, std::string>;
 using ProgressCallback = std::function<void(const GenericScriptWorkflowProgress&)>;
 
-// What a run needs besides the workflow: the settings copy, the environment laid over
-// every script's, where progress goes (called on the main executor) and the stop.
+// What a run needs besides the workflow: copies of the settings and the client profile,
+// the environment laid over every script's, where progress goes (called on the main
+// executor) and the stop.
 struct WorkflowRunRequest {
     AppSettings settings;
+    ClientProfileDocument clientProfile;
     EnvironmentOverrides environmentOverrides;
     ProgressCallback progress;
     std::stop_token stopToken;

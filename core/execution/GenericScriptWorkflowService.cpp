@@ -2,8 +2,11 @@
 
 #include "core/definitions/WorkflowValueCoding.h"
 #include "core/execution/ApprovalItems.h"
+#include "core/execution/ContextSteps.h"
 #include "core/execution/GenericScriptOutputSummarizer.h"
+#include "core/execution/LLMRoute.h"
 #include "core/execution/NativeStepResult.h"
+#include "core/execution/StepValueResolution.h"
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/Cancellation.h"
 #include "core/foundation/Json.h"
@@ -82,6 +85,27 @@ std::string plainScriptEntrypoint(const FlowStep& step) {
                               "Missing entrypoint for step " + step.id);
 }
 
+// A block names its runtime by one of two spellings; blank falls back to the step's.
+ScriptRuntime blockScriptRuntime(const BlockExecutionDefinition& execution, const FlowStep& step) {
+    const std::string name = trimmed(execution.runtime.value_or(""));
+    if (name.empty()) {
+        return plainScriptRuntime(step);
+    }
+    if (name == "python" || name == "managed_runtime.python") {
+        return ScriptRuntime::python;
+    }
+    if (name == "node" || name == "managed_runtime.node") {
+        return ScriptRuntime::node;
+    }
+    throw WorkflowLoaderError(WorkflowLoaderError::Kind::message,
+                              "Unsupported block runtime " + name + " for step " + step.id);
+}
+
+std::string blockScriptEntrypoint(const BlockExecutionDefinition& execution, const FlowStep& step) {
+    std::string entrypoint = trimmed(execution.entrypoint.value_or(""));
+    return entrypoint.empty() ? plainScriptEntrypoint(step) : entrypoint;
+}
+
 std::string utf8OrEmpty(const std::string& bytes) {
     return isValidUtf8(bytes) ? bytes : std::string();
 }
@@ -101,6 +125,7 @@ std::vector<std::string> sortedKeys(const auto& map) {
 struct GenericScriptWorkflowService::Run {
     WorkflowBundleReference reference;
     FlowDefinition workflow;
+    std::map<std::string, WorkflowBlockResolution> blockResolutions; // by step id
     SystemTime startedAt;
     std::filesystem::path stagingDirectory;
     PreviousOutputs previousOutputs;
@@ -140,9 +165,15 @@ struct GenericScriptWorkflowService::Run {
         stepRecords.push_back({step.id, step.name, auditPayloadJson(input), std::nullopt,
                                auditPayloadJson(errorPayload)});
 
-        return {
-            error.what(), workflow.id, workflow.name, startedAt, secondsBetween(startedAt, now()),
-            std::nullopt, stepTimings, stepRecords};
+        const auto folder = outputFolder(stepOutputs);
+        return {error.what(),
+                workflow.id,
+                workflow.name,
+                startedAt,
+                secondsBetween(startedAt, now()),
+                folder ? std::optional(folder->string()) : std::nullopt,
+                stepTimings,
+                stepRecords};
     }
 };
 
@@ -151,7 +182,7 @@ GenericScriptWorkflowService::GenericScriptWorkflowService(WorkflowLoader loader
                                                            AppSupportPaths paths,
                                                            MainExecutor& mainExecutor)
     : loader_(std::move(loader)), runner_(std::move(runner)), paths_(std::move(paths)),
-      mainExecutor_(mainExecutor) {}
+      mainExecutor_(mainExecutor), folderSteps_(paths_) {}
 
 const std::set<std::string, std::less<>>& GenericScriptWorkflowService::supportedStepTypes() {
     static const std::set<std::string, std::less<>> types{"runtime-check",
@@ -174,10 +205,21 @@ const std::set<std::string, std::less<>>& GenericScriptWorkflowService::supporte
 }
 
 GenericScriptWorkflowService::Run
-GenericScriptWorkflowService::prepare(const std::string& flowID) const {
+GenericScriptWorkflowService::load(const std::string& flowID) const {
     Run run;
     run.reference = loader_.availableWorkflowReference(flowID);
-    run.workflow = loader_.loadWorkflowBundle(run.reference).flow;
+    const auto document = loader_.loadWorkflow(loader_.workflowFile(run.reference));
+    // Validated again at every run: the files may have changed since the list was made.
+    for (auto& resolution : loader_.validateWorkflowBlocks(document, run.reference.directory)) {
+        run.blockResolutions.insert_or_assign(resolution.stepID, std::move(resolution));
+    }
+    run.workflow = document.flow;
+    return run;
+}
+
+GenericScriptWorkflowService::Run
+GenericScriptWorkflowService::prepare(const std::string& flowID) const {
+    Run run = load(flowID);
     run.startedAt = now();
     run.stagingDirectory =
         paths_.stagingDirectory() / "generic" / run.workflow.id / Uuid::random().uppercaseString();
@@ -202,13 +244,11 @@ GenericScriptWorkflowService::runUntilApproval(const std::string& flowID,
                                        "batch-approval");
     }
     const FlowStep& step = run.workflow.steps[*gate];
-    // The gate's inputs are handed on as written until step value resolution resolves
-    // templates in them against the earlier steps' outputs.
     return {run.workflow,
             run.workflow.id,
             run.workflow.name,
             step.id,
-            step.inputs.value_or(WorkflowValueMap{}),
+            resolvedInputs(step.inputs, run.stepOutputs),
             run.startedAt,
             run.stagingDirectory,
             std::move(run.previousOutputs),
@@ -223,9 +263,7 @@ GenericScriptWorkflowRunResult GenericScriptWorkflowService::resumeFromApproval(
     const GenericWorkflowApprovalCheckpoint& checkpoint,
     const std::vector<ApprovalProposal>& approvedItems, const WorkflowRunRequest& request) {
     // The document is read again: an edit made while the user decided takes effect.
-    Run run;
-    run.reference = loader_.availableWorkflowReference(checkpoint.flowID);
-    run.workflow = loader_.loadWorkflowBundle(run.reference).flow;
+    Run run = load(checkpoint.flowID);
     const auto& steps = run.workflow.steps;
     const auto gate = std::find_if(steps.begin(), steps.end(), [&](const FlowStep& step) {
         return step.id == checkpoint.approvalStepID;
@@ -281,36 +319,71 @@ GenericScriptWorkflowService::runSteps(Run& run, std::size_t firstIndex, GateMod
 GenericScriptStepRunResult
 GenericScriptWorkflowService::runWorkflowStep(const Run& run, const FlowStep& step,
                                               const WorkflowRunRequest& request) const {
+    if (const auto found = run.blockResolutions.find(step.id);
+        found != run.blockResolutions.end()) {
+        const auto& execution = found->second.definition.execution;
+        if (execution && execution->kind == BlockExecutionKind::script) {
+            return runScriptBlockStep(run, step, found->second, request);
+        }
+    }
     if (step.type == "script-run") {
         return runPlainScriptStep(run, step, request);
     }
     if (step.type == "batch-approval") {
         throw GenericWorkflowStepError(GenericWorkflowStepError::Kind::approvalRequired, step.id);
     }
+    const auto& profile = request.clientProfile.clientProfile;
+    if (step.type == "filesystem-input-file") {
+        return folderSteps_.inputFile(run.workflow, step, toWorkflowValue(profile),
+                                      request.environmentOverrides);
+    }
+    if (step.type == "filesystem-input-folder") {
+        return folderSteps_.inputFolder(run.workflow, step, toWorkflowValue(profile),
+                                        request.environmentOverrides);
+    }
+    if (step.type == "filesystem-output-folder") {
+        return folderSteps_.outputFolder(run.workflow, step, toWorkflowValue(profile),
+                                         request.environmentOverrides);
+    }
+    if (step.type == "context-prepare" || step.type == "context-load") {
+        return runContextPrepareStep(run.reference.directory, step, run.stepOutputs,
+                                     toWorkflowValue(profile), profile.gmail.targetYearMonth,
+                                     run.stagingDirectory);
+    }
+    if (step.type == "native-file-write") {
+        return runNativeFileWriteStep(step, run.stepOutputs);
+    }
     // A supported type whose handler this build does not have yet.
     throw ExecutionEngineError(ExecutionEngineError::Kind::missingHandler, step.type);
+}
+
+ScriptResult GenericScriptWorkflowService::runScript(const Run& run, const FlowStep& step,
+                                                     ScriptSpec spec, std::string input,
+                                                     const WorkflowRunRequest& request) const {
+    ScriptInvocation invocation;
+    invocation.workflowID = run.workflow.id;
+    invocation.environment =
+        runtimeEnvironment(run.workflow.id, step, spec.runtime, request.settings,
+                           request.clientProfile, request.environmentOverrides);
+    // Scripts run in their workflow's dependency folder, not in the bundle.
+    invocation.workingDirectory = spec.runtime == ScriptRuntime::python
+                                      ? paths_.pythonDependenciesDirectory(run.workflow.id)
+                                      : paths_.nodeDependenciesDirectory(run.workflow.id);
+    invocation.spec = std::move(spec);
+    invocation.inputJSON = std::move(input);
+    return runner_->run(invocation, request.stopToken);
 }
 
 GenericScriptStepRunResult
 GenericScriptWorkflowService::runPlainScriptStep(const Run& run, const FlowStep& step,
                                                  const WorkflowRunRequest& request) const {
-    const ScriptRuntime runtime = plainScriptRuntime(step);
-    const std::string entrypoint = plainScriptEntrypoint(step);
-    const double timeout = scriptTimeoutSeconds(step);
-
-    ScriptInvocation invocation;
-    invocation.workflowID = run.workflow.id;
-    invocation.spec = {runtime, entrypoint, timeout};
     const GenericScriptInput input{run.workflow.id, run.workflow.name, step.id,
                                    run.previousOutputs};
-    invocation.inputJSON = compactJson(toJson(input));
-    invocation.environment = runtimeEnvironment(run.workflow.id, step, runtime, request.settings,
-                                                request.environmentOverrides);
-    invocation.workingDirectory = runtime == ScriptRuntime::python
-                                      ? paths_.pythonDependenciesDirectory(run.workflow.id)
-                                      : paths_.nodeDependenciesDirectory(run.workflow.id);
-
-    const ScriptResult script = runner_->run(invocation, request.stopToken);
+    const auto inputJSON = toJson(input);
+    const ScriptResult script = runScript(
+        run, step,
+        {plainScriptRuntime(step), plainScriptEntrypoint(step), scriptTimeoutSeconds(step)},
+        compactJson(inputJSON), request);
     const std::string stdoutText = utf8OrEmpty(script.stdoutData);
 
     GenericScriptStepRunResult result;
@@ -319,7 +392,7 @@ GenericScriptWorkflowService::runPlainScriptStep(const Run& run, const FlowStep&
     result.previousOutput = stdoutText;
     // A plain script may print plain text; only a JSON object gives outputs.
     result.outputs = decodeWorkflowValueMap(stdoutText).value_or(WorkflowValueMap{});
-    result.inputJSON = auditPayloadJson(nlohmann::json::parse(compactJson(toJson(input))));
+    result.inputJSON = auditPayloadJson(nlohmann::json::parse(inputJSON.dump()));
     if (!stdoutText.empty()) {
         result.outputJSON = stdoutText;
     }
@@ -327,15 +400,82 @@ GenericScriptWorkflowService::runPlainScriptStep(const Run& run, const FlowStep&
     return result;
 }
 
+GenericScriptStepRunResult
+GenericScriptWorkflowService::runScriptBlockStep(const Run& run, const FlowStep& step,
+                                                 const WorkflowBlockResolution& resolution,
+                                                 const WorkflowRunRequest& request) const {
+    const BlockExecutionDefinition& execution = *resolution.definition.execution;
+    ScriptSpec spec{blockScriptRuntime(execution, step), blockScriptEntrypoint(execution, step),
+                    execution.timeoutSeconds.value_or(scriptTimeoutSeconds(step))};
+
+    ScriptBlockInputEnvelope envelope;
+    envelope.inputs = resolvedInputs(step.inputs, run.stepOutputs);
+    envelope.context = {run.workflow.id,
+                        run.workflow.name,
+                        step.id,
+                        resolution.reference.id,
+                        resolution.reference.version,
+                        std::filesystem::absolute(run.reference.directory).string(),
+                        std::filesystem::absolute(run.stagingDirectory).string(),
+                        run.previousOutputs};
+    const auto envelopeJSON = toJson(envelope);
+    const ScriptResult script =
+        runScript(run, step, std::move(spec), compactJson(envelopeJSON), request);
+    const std::string stdoutText = utf8OrEmpty(script.stdoutData);
+
+    const auto output = decodeScriptBlockOutputEnvelope(stdoutText);
+    if (!output) {
+        throw ScriptRunnerError::invalidJSONOutput(stdoutText.empty() ? "<empty stdout>"
+                                                                      : stdoutText);
+    }
+    for (const auto& [name, value] : output->outputs) {
+        if (!resolution.definition.outputs.contains(name)) {
+            throw WorkflowBlockValidationError(WorkflowBlockValidationError::Kind::unknownOutput,
+                                               step.id, resolution.reference.id, name);
+        }
+    }
+    const std::string outputText = compactJson(toJson(output->outputs));
+
+    GenericScriptStepRunResult result;
+    result.stdoutText = outputText;
+    result.stderrText = utf8OrEmpty(script.stderrData);
+    result.previousOutput = outputText;
+    result.outputs = output->outputs;
+    result.inputJSON = auditPayloadJson(nlohmann::json::parse(envelopeJSON.dump()));
+    result.outputJSON = stdoutText.empty() ? outputText : stdoutText;
+    result.duration = script.duration;
+    return result;
+}
+
 std::map<std::string, std::string> GenericScriptWorkflowService::runtimeEnvironment(
-    const std::string& workflowID, const FlowStep& /*step*/, ScriptRuntime runtime,
-    const AppSettings& settings, const EnvironmentOverrides& overrides) const {
+    const std::string& workflowID, const FlowStep& step, ScriptRuntime runtime,
+    const AppSettings& settings, const ClientProfileDocument& clientProfile,
+    const EnvironmentOverrides& overrides) const {
     std::map<std::string, std::string> environment;
     if (auto key = trimmed(settings.anthropicAPIKey); !key.empty()) {
         environment["ANTHROPIC_API_KEY"] = std::move(key);
     }
     if (auto url = trimmed(settings.ollamaURL); !url.empty()) {
         environment["OLLAMA_BASE_URL"] = std::move(url);
+    }
+    std::string role(namingProposalRole);
+    if (const auto* value = step.config ? [&]() -> const WorkflowValue* {
+            const auto found = step.config->find("llm_role");
+            return found == step.config->end() ? nullptr : &found->second;
+        }()
+        : nullptr;
+        value != nullptr && value->isString()) {
+        role = *value->string();
+    }
+    const std::string route = resolvedLLMRoute(role, workflowID, step, clientProfile, loader_);
+    if (startsWith(route, "ollama:")) {
+        if (auto model = trimmed(route.substr(7)); !model.empty()) {
+            environment["LLM_PROVIDER"] = "ollama";
+            environment["OLLAMA_MODEL"] = std::move(model);
+        }
+    } else if (route == "claude-sonnet") {
+        environment["LLM_PROVIDER"] = "anthropic";
+        environment["ANTHROPIC_MODEL"] = "claude-3-7-sonnet-20250219";
     }
     if (runtime == ScriptRuntime::python) {
         environment["PYTHONPATH"] = paths_.pythonDependenciesDirectory(workflowID).string();
@@ -361,6 +501,11 @@ GenericScriptWorkflowRunResult GenericScriptWorkflowService::finish(Run& run) co
     result.durationSeconds = secondsBetween(run.startedAt, now());
     result.outputSummary = GenericScriptOutputSummarizer::summary(result.stdoutText);
     result.outputFolder = GenericScriptOutputSummarizer::outputFolder(result.stdoutText);
+    if (!result.outputFolder) {
+        if (const auto folder = quorlin::outputFolder(run.stepOutputs)) {
+            result.outputFolder = folder->string();
+        }
+    }
     result.stepTimings = std::move(run.stepTimings);
     result.stepRecords = std::move(run.stepRecords);
     return result;
@@ -369,7 +514,9 @@ GenericScriptWorkflowRunResult GenericScriptWorkflowService::finish(Run& run) co
 void GenericScriptWorkflowService::reportProgress(
     const WorkflowRunRequest& request, const GenericScriptWorkflowProgress& progress) const {
     if (request.progress) {
-        callOnMain(mainExecutor_, [&] { request.progress(progress); });
+        callOnMain(
+            mainExecutor_, [callback = request.progress, progress] { callback(progress); },
+            request.stopToken);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "core/definitions/AppSupportPaths.h"
 #include "core/definitions/WorkflowLoader.h"
+#include "core/execution/FolderSteps.h"
 #include "core/execution/GenericScriptWorkflowRunning.h"
 #include "core/execution/ScriptRunner.h"
 #include "core/foundation/MainExecutor.h"
@@ -33,12 +34,14 @@ public:
     // The environment of a script step, laid over the inherited one.
     std::map<std::string, std::string>
     runtimeEnvironment(const std::string& workflowID, const FlowStep& step, ScriptRuntime runtime,
-                       const AppSettings& settings, const EnvironmentOverrides& overrides) const;
+                       const AppSettings& settings, const ClientProfileDocument& clientProfile,
+                       const EnvironmentOverrides& overrides) const;
 
 private:
     struct Run;
     enum class GateMode { failAtGate, stopAtGate };
 
+    Run load(const std::string& flowID) const;
     Run prepare(const std::string& flowID) const;
     // Runs steps from index on; returns the index of the gate when it stopped at one.
     std::optional<std::size_t> runSteps(Run& run, std::size_t firstIndex, GateMode mode,
@@ -47,6 +50,12 @@ private:
                                                const WorkflowRunRequest& request) const;
     GenericScriptStepRunResult runPlainScriptStep(const Run& run, const FlowStep& step,
                                                   const WorkflowRunRequest& request) const;
+    GenericScriptStepRunResult runScriptBlockStep(const Run& run, const FlowStep& step,
+                                                  const WorkflowBlockResolution& resolution,
+                                                  const WorkflowRunRequest& request) const;
+    // Runs a script of this workflow with the step's environment, in its dependency folder.
+    ScriptResult runScript(const Run& run, const FlowStep& step, ScriptSpec spec, std::string input,
+                           const WorkflowRunRequest& request) const;
     GenericScriptWorkflowRunResult finish(Run& run) const;
     void reportProgress(const WorkflowRunRequest& request,
                         const GenericScriptWorkflowProgress& progress) const;
@@ -55,6 +64,7 @@ private:
     std::shared_ptr<ScriptRunner> runner_;
     AppSupportPaths paths_;
     MainExecutor& mainExecutor_;
+    FolderSteps folderSteps_;
 };
 
 } // namespace quorlin

@@ -13,7 +13,7 @@ namespace {
 class DefaultScriptRunnerTest : public ::testing::Test {
 protected:
     DefaultScriptRunner runner() const {
-        return DefaultScriptRunner(fixture.resources(), fixture.paths(), [](ScriptRuntime runtime) {
+        return DefaultScriptRunner(fixture.locator(), [](ScriptRuntime runtime) {
             return testing::systemInterpreter(rawValue(runtime));
         });
     }
@@ -110,7 +110,7 @@ TEST_F(DefaultScriptRunnerTest, AbsoluteRelativePathStaysInsideTheBundle) {
 
 TEST_F(DefaultScriptRunnerTest, MissingInterpreterIsReportedByRuntime) {
     fixture.writeBundleFile("flow", "x.py", "print(1)\n");
-    DefaultScriptRunner bare(fixture.resources(), fixture.paths());
+    DefaultScriptRunner bare(fixture.locator());
     try {
         bare.run(invocation("x.py"), {});
         FAIL() << "expected runtimeNotFound";

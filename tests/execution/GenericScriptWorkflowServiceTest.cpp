@@ -36,8 +36,8 @@ std::string flowYaml(const std::string& steps) {
 class GenericScriptWorkflowServiceTest : public ::testing::Test {
 protected:
     GenericScriptWorkflowServiceTest()
-        : service(WorkflowLoader(fixture.resources()),
-                  std::make_shared<DefaultScriptRunner>(fixture.resources(), fixture.paths(),
+        : service(WorkflowLoader(fixture.locator()),
+                  std::make_shared<DefaultScriptRunner>(fixture.locator(),
                                                         [](ScriptRuntime runtime) {
                                                             return testing::systemInterpreter(
                                                                 rawValue(runtime));
@@ -268,23 +268,92 @@ TEST_F(GenericScriptWorkflowServiceTest, RepeatedStepIdsOverwriteMapsButKeepBoth
     EXPECT_THAT(input["previous_outputs"]["same"].get<std::string>(), HasSubstr("hi from same"));
 }
 
-TEST_F(GenericScriptWorkflowServiceTest, RuntimeEnvironmentLayersSettingsPathsAndOverrides) {
+// A script block of the bundle: its manifest declares one output, "summary".
+class ScriptBlockTest : public GenericScriptWorkflowServiceTest {
+protected:
+    void writeBlock(const std::string& script, const std::string& runtime = "python") {
+        fixture.writeBundleFile("demo", "blocks/report/block.yaml",
+                                "id: report\nname: Report\nversion: 1.0.0\nkind: script\n"
+                                "execution:\n  kind: script\n  handler_type: script-run\n  runtime: " +
+                                    runtime + "\n  entrypoint: scripts/report.py\n  timeout_seconds: 15\n"
+                                              "inputs:\n  title: {type: string, required: true}\n"
+                                              "outputs:\n  summary: {type: string}\n");
+        fixture.writeBundleFile("demo", "scripts/report.py", script);
+        writeFlow(scriptStep("first", "print_json.py") +
+                  "    - id: report\n      name: Report\n      block: report@1.0.0\n"
+                  "      type: script-run\n      inputs:\n        title: Monthly\n");
+    }
+};
+
+TEST_F(ScriptBlockTest, ReceivesTheEnvelopeAndPassesItsOutputsOn) {
+    writeBlock("import json, sys\n"
+               "env = json.load(sys.stdin)\n"
+               "ctx = env['context']\n"
+               "print(json.dumps({'outputs': {'summary': env['inputs']['title'] + ' by ' + ctx['block_id'] + "
+               "'@' + ctx['block_version'] + ' after ' + ','.join(ctx['previous_outputs'])}, "
+               "'audit': {'rows': 1}}))\n");
+    const auto result = onWorker([&] { return service.run("demo", request); });
+    EXPECT_EQ(result.outputSummary, result.stdoutText);
+    EXPECT_THAT(result.stdoutText, HasSubstr(R"({"summary":"Monthly by report@1.0.0 after first"})"));
+    const auto envelope = nlohmann::json::parse(*result.stepRecords[1].inputJSON);
+    EXPECT_EQ(envelope["context"]["flow_name"], "Demo Flow");
+    EXPECT_TRUE(std::filesystem::is_directory(envelope["context"]["staging_dir"].get<std::string>()));
+    EXPECT_EQ(envelope["context"]["bundle_root"], (fixture.root() / "resources/Workflows/demo").string());
+}
+
+TEST_F(ScriptBlockTest, OutputThatBreaksTheContractFailsTheStep) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"print('not json')\n", "Script output isn't valid JSON: not json\n"},
+        {"pass\n", "Script output isn't valid JSON: <empty stdout>"},
+        {"print('{\"summary\": \"no envelope\"}')\n", "Script output isn't valid JSON: {\"summary\": \"no envelope\"}\n"},
+        {"print('{\"outputs\": {\"secret\": 1}}')\n",
+         "step report declares an undefined output for block report: secret"},
+    };
+    for (const auto& [script, expected] : cases) {
+        writeBlock(script);
+        const auto failure = runExpectingFailure();
+        EXPECT_EQ(failure.what(), expected) << script;
+        EXPECT_EQ(failure.stepRecords.size(), 2u);
+    }
+}
+
+TEST_F(ScriptBlockTest, UnknownBlockRuntimeIsNamed) {
+    writeBlock("print('{}')\n", "ruby");
+    EXPECT_STREQ(runExpectingFailure().what(), "Unsupported block runtime ruby for step report");
+}
+
+TEST_F(GenericScriptWorkflowServiceTest, BlockProblemsStopTheRunBeforeTheFirstStep) {
+    writeFlow(scriptStep("first", "print_json.py") +
+              "    - id: search\n      name: Search\n      block: gmail.search-messages@0.1.0\n"
+              "      type: script-run\n");
+    EXPECT_THROW(onWorker([&] { return service.run("demo", request); }), WorkflowBlockValidationError);
+    EXPECT_TRUE(progress.empty());
+}
+
+TEST_F(GenericScriptWorkflowServiceTest, RuntimeEnvironmentLayersSettingsRoutesPathsAndOverrides) {
     AppSettings settings;
     settings.anthropicAPIKey = "  sk-test \n";
     settings.ollamaURL = " ";
-    const EnvironmentOverrides overrides{{"QUORLIN_FOLDER_INBOX", "/tmp/in"}, {"  ", "dropped"}};
+    const EnvironmentOverrides overrides{{"QUORLIN_FOLDER_INBOX", "/tmp/in"}, {"  ", "dropped"}, {"LLM_PROVIDER", "mine"}};
     FlowStep step;
-    const auto python =
-        service.runtimeEnvironment("demo", step, ScriptRuntime::python, settings, overrides);
+    step.id = "summarize";
+    const auto python = service.runtimeEnvironment("demo", step, ScriptRuntime::python, settings, {}, overrides);
     EXPECT_EQ(python, (std::map<std::string, std::string>{
                           {"ANTHROPIC_API_KEY", "sk-test"},
-                          {"PYTHONPATH",
-                           (fixture.paths().root() / "script-dependencies/python/demo").string()},
+                          {"ANTHROPIC_MODEL", "claude-3-7-sonnet-20250219"},
+                          {"LLM_PROVIDER", "mine"}, // overrides win
+                          {"PYTHONPATH", (fixture.paths().root() / "script-dependencies/python/demo").string()},
                           {"QUORLIN_FOLDER_INBOX", "/tmp/in"}}));
-    const auto node = service.runtimeEnvironment("demo", step, ScriptRuntime::node, {}, {});
-    EXPECT_EQ(node.at("NODE_PATH"),
-              (fixture.paths().root() / "script-dependencies/node/demo/node_modules").string());
+
+    ClientProfileDocument profile;
+    profile.clientProfile.llmRouting =
+        profile.clientProfile.llmRouting.settingStepProvider("demo", "summarize", " ollama: qwen2.5:7b ");
+    const auto node = service.runtimeEnvironment("demo", step, ScriptRuntime::node, {}, profile, {});
+    EXPECT_EQ(node.at("NODE_PATH"), (fixture.paths().root() / "script-dependencies/node/demo/node_modules").string());
     EXPECT_EQ(node.at("OLLAMA_BASE_URL"), "http://localhost:11434");
+    EXPECT_EQ(node.at("LLM_PROVIDER"), "ollama");
+    EXPECT_EQ(node.at("OLLAMA_MODEL"), "qwen2.5:7b");
+    EXPECT_FALSE(node.contains("ANTHROPIC_MODEL"));
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "core/definitions/AppSupportPaths.h"
-#include "core/definitions/QuorlinResources.h"
+#include "core/definitions/WorkflowBundleLocator.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <filesystem>
@@ -21,6 +20,7 @@ public:
 
     QuorlinResources resources() const;
     AppSupportPaths paths() const;
+    WorkflowBundleLocator locator() const { return {resources(), paths()}; }
     const std::filesystem::path& root() const { return directory_.path(); }
 
 private:

@@ -1,0 +1,75 @@
+#include "LLMRoute.h"
+
+#include "core/foundation/Text.h"
+
+namespace quorlin {
+
+namespace {
+
+std::optional<std::string> nonBlank(const std::optional<std::string>& candidate) {
+    if (!candidate) {
+        return std::nullopt;
+    }
+    std::string text = trimmed(*candidate);
+    return text.empty() ? std::nullopt : std::optional(text);
+}
+
+std::optional<std::string> routeOfRole(const LLMRouting& routing, const std::string& role) {
+    if (role == namingProposalRole) {
+        return routing.namingProposal;
+    }
+    const auto found = routing.additionalRoutes.find(role);
+    return found == routing.additionalRoutes.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<std::string> documentDefault(const std::string& role, const std::string& workflowID,
+                                           const WorkflowLoader& loader) {
+    try {
+        const auto flow = loader.loadAvailableWorkflow(workflowID).flow;
+        if (flow.llmRequirements) {
+            if (const auto found = flow.llmRequirements->find(role);
+                found != flow.llmRequirements->end()) {
+                return found->second.defaultProvider;
+            }
+        }
+    } catch (const std::exception&) {
+        // A workflow that doesn't load has no default to offer; the next source decides.
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> stepDefault(const FlowStep& step) {
+    if (step.config) {
+        if (const auto found = step.config->find("default_llm_provider");
+            found != step.config->end()) {
+            if (const auto* text = found->second.string()) {
+                return *text;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::string resolvedLLMRoute(const std::string& role, const std::string& workflowID,
+                             const FlowStep& step, const ClientProfileDocument& clientProfile,
+                             const WorkflowLoader& loader) {
+    const auto& routing = clientProfile.clientProfile.llmRouting;
+    for (const auto& candidate :
+         {routing.stepProvider(workflowID, step.id), routing.workflowDefault(workflowID),
+          routeOfRole(routing, role)}) {
+        if (auto route = nonBlank(candidate)) {
+            return *route;
+        }
+    }
+    if (auto route = nonBlank(documentDefault(role, workflowID, loader))) {
+        return *route;
+    }
+    if (auto route = nonBlank(stepDefault(step))) {
+        return *route;
+    }
+    return trimmed(routing.provider(role));
+}
+
+} // namespace quorlin

@@ -1,0 +1,103 @@
+#pragma once
+
+#include "core/definitions/WorkflowLoader.h"
+#include "core/execution/GenericScriptWorkflowRunning.h"
+#include "core/execution/RunSession.h"
+#include "core/foundation/MainExecutor.h"
+#include "core/stores/AuditLogStore.h"
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace quorlin {
+
+// Where a run enters the system. It keeps, per flow, the session the user sees, the
+// worker that drives the run, the run parked at its approval gate and the caller's event
+// handler, and decides every turn of a run: which session replaces which, when an audit
+// row is written, what a failure looks like. Steps themselves are the driver's work.
+//
+// Every operation is called on the main thread and returns at once; none throws. Events
+// reach the handler through the main executor, in the order they happened. The maps are
+// touched on the main thread only: a run's worker hands its outcome back as a posted task.
+//
+// Destroying the coordinator stops every run and waits for its worker; a worker waiting
+// for the main thread to take a progress report stops waiting as soon as its run is
+// stopped, so the join cannot deadlock.
+class RunCoordinator {
+public:
+    using EventHandler = std::function<void(const RunEvent&)>;
+
+    RunCoordinator(std::shared_ptr<GenericScriptWorkflowRunning> service,
+                   std::shared_ptr<AuditLogWriting> auditStore, WorkflowLoader loader,
+                   MainExecutor& mainExecutor);
+    ~RunCoordinator();
+    RunCoordinator(const RunCoordinator&) = delete;
+    RunCoordinator& operator=(const RunCoordinator&) = delete;
+
+    // Shows a running session and starts the run on a worker. A flow has one session: a
+    // run already live for the flow is stopped and its session replaced. A start on a
+    // retryable failed session counts as a retry.
+    void start(const std::string& flowID, RunContext context, EventHandler eventHandler);
+
+    // At the gate: the first call opens the proposals, the second files the selected ones
+    // as the run made them. Anything else is ignored.
+    void advance(const std::string& flowID, const RunContext& context);
+
+    // Records the rejection of every proposal and completes the run; with no run at the
+    // gate it is a cancel.
+    void rejectAllApprovalItems(const std::string& flowID, const RunContext& context);
+
+    // Stops the run, forgets its session and emits cancelled, even for an unknown flow.
+    void cancel(const std::string& flowID);
+
+    // The current session of a flow, if any.
+    std::optional<FlowRunSession> session(const std::string& flowID) const;
+    // Whether a worker of the flow is still running or filing.
+    bool isRunning(const std::string& flowID) const;
+
+private:
+    // Runs on the main thread with the worker's outcome; may throw to fail the run.
+    using Completion = std::function<void(RunCoordinator&)>;
+    using Operation = std::function<Completion(const std::stop_token&)>;
+
+    void failBeforeRun(const std::string& flowID, const RunContext& context,
+                       std::int64_t retryCount, const FlowDefinition* workflow,
+                       const std::string& message, const std::exception* error);
+    WorkflowRunRequest makeRequest(const std::string& flowID, std::uint64_t taskID,
+                                   const RunContext& context);
+    void launchRunTask(const std::string& flowID, std::uint64_t taskID, Operation operation);
+    void finishRunTask(const std::string& flowID, std::uint64_t taskID,
+                       const Completion& completion, std::exception_ptr error);
+    void handleProgress(const std::string& flowID, std::uint64_t taskID,
+                        const GenericScriptWorkflowProgress& progress);
+    void failRunTask(const std::string& flowID, const std::exception& error);
+    void recordFailureAuditRun(const std::string& flowID, const FlowRunSession& session,
+                               const FlowDefinition* workflow, const std::string& message,
+                               const std::exception* error);
+    void storeAndEmit(const std::string& flowID, FlowRunSession session);
+    void emit(const std::string& flowID, RunEvent event);
+    void stopTask(const std::string& flowID);
+
+    std::shared_ptr<GenericScriptWorkflowRunning> service_;
+    std::shared_ptr<AuditLogWriting> auditStore_;
+    WorkflowLoader loader_;
+    MainExecutor& mainExecutor_;
+    // Posted tasks hold it weakly, so a task that outlives the coordinator does nothing.
+    std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+
+    std::map<std::string, PreparedApprovalWorkflowRun> preparedApprovalRuns_;
+    std::map<std::string, std::uint64_t> runTasks_; // flow to its one tracked worker
+    std::map<std::string, EventHandler> eventHandlers_;
+    std::map<std::string, FlowRunSession> sessions_;
+    std::uint64_t nextTaskID_ = 1;
+    // Every worker not yet reaped, the stopped ones too; declared last so they are
+    // stopped and joined before anything they were given goes away.
+    std::map<std::uint64_t, std::jthread> workers_;
+};
+
+} // namespace quorlin
