@@ -4,44 +4,56 @@
 
 namespace quorlin::cli {
 
-namespace {
-
-std::string label(const GenericScriptWorkflowProgress& progress) {
-    return "[" + std::to_string(progress.stepIndex + 1) + "/" +
-           std::to_string(progress.totalSteps) + "] " + progress.stepID;
-}
-
-} // namespace
-
 ProgressPrinter::ProgressPrinter(std::FILE* out) : out_(out), terminal_(isatty(fileno(out)) != 0) {}
 
-void ProgressPrinter::show(const GenericScriptWorkflowProgress& progress) {
-    if (progress.state == GenericScriptWorkflowProgressState::running) {
-        runningLabel_ = label(progress);
-        if (terminal_) {
-            std::fprintf(out_, "  … %s", runningLabel_.c_str());
-            lineOpen_ = true;
-        } else {
-            std::fprintf(out_, "started  %s\n", runningLabel_.c_str());
-        }
-    } else {
-        const double seconds = progress.durationSeconds.value_or(0);
-        if (terminal_) {
-            std::fprintf(out_, "\r\033[2K  ✓ %s  %.1fs\n", label(progress).c_str(), seconds);
-            lineOpen_ = false;
-        } else {
-            std::fprintf(out_, "finished %s %.1fs\n", label(progress).c_str(), seconds);
+void ProgressPrinter::show(const FlowRunSession& session) {
+    for (std::size_t index = 0; index < session.liveSteps.size(); ++index) {
+        const auto& step = session.liveSteps[index];
+        const auto previous = shown_.find(step.id);
+        if (previous == shown_.end() || previous->second != step.state.kind) {
+            shown_[step.id] = step.state.kind;
+            changed(step, index, session.liveSteps.size());
         }
     }
     std::fflush(out_);
 }
 
-void ProgressPrinter::stepFailed() {
-    if (terminal_ && lineOpen_) {
-        std::fprintf(out_, "\r\033[2K  ✗ %s\n", runningLabel_.c_str());
+void ProgressPrinter::changed(const LiveStep& step, std::size_t index, std::size_t count) {
+    const std::string label =
+        "[" + std::to_string(index + 1) + "/" + std::to_string(count) + "] " + step.title;
+    using Kind = LiveStepState::Kind;
+    if (step.state.kind == Kind::pending) {
+        return;
+    }
+    if (terminal_) {
+        if (lineOpen_) {
+            std::fputs("\r\033[2K", out_);
+        }
+        switch (step.state.kind) {
+        case Kind::running:
+            std::fprintf(out_, "  … %s", label.c_str());
+            lineOpen_ = true;
+            return;
+        case Kind::waiting:
+            std::fprintf(out_, "  ⏸ %s — %s\n", label.c_str(), step.detail.c_str());
+            break;
+        default:
+            std::fprintf(out_, "  ✓ %s\n", label.c_str());
+            break;
+        }
         lineOpen_ = false;
-    } else if (!terminal_ && !runningLabel_.empty()) {
-        std::fprintf(out_, "failed   %s\n", runningLabel_.c_str());
+        return;
+    }
+    const char* word = step.state.kind == Kind::running   ? "started "
+                       : step.state.kind == Kind::waiting ? "waiting "
+                                                          : "finished";
+    std::fprintf(out_, "%s %s\n", word, label.c_str());
+}
+
+void ProgressPrinter::finishLine() {
+    if (lineOpen_) {
+        std::fputs("\n", out_);
+        lineOpen_ = false;
     }
     std::fflush(out_);
 }

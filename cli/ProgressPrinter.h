@@ -1,27 +1,32 @@
 #pragma once
 
-#include "core/execution/GenericScriptWorkflowRecords.h"
+#include "core/execution/RunSession.h"
 
 #include <cstdio>
+#include <map>
 #include <string>
 
 namespace quorlin::cli {
 
-// Shows a run's steps as they go: on a terminal the line of the running step is
-// redrawn when it ends; piped, each event is a plain line.
+// Shows a run's steps as the sessions come in: on a terminal the line of the running step
+// is redrawn when it ends; piped, each change is a plain line.
 class ProgressPrinter {
 public:
     explicit ProgressPrinter(std::FILE* out);
 
-    void show(const GenericScriptWorkflowProgress& progress);
-    // Ends a running line left open by a step that failed or was cancelled.
-    void stepFailed();
+    void show(const FlowRunSession& session);
+    // Closes a running line left open, before other output.
+    void finishLine();
+
+    bool isTerminal() const { return terminal_; }
 
 private:
+    void changed(const LiveStep& step, std::size_t index, std::size_t count);
+
     std::FILE* out_;
     bool terminal_;
     bool lineOpen_ = false;
-    std::string runningLabel_;
+    std::map<std::string, LiveStepState::Kind> shown_; // by step id
 };
 
 } // namespace quorlin::cli

@@ -1,39 +1,44 @@
 #include "cli/Commands.h"
 #include "cli/ProgressPrinter.h"
 #include "core/definitions/AppSupportPaths.h"
+#include "core/definitions/ClientProfileStore.h"
 #include "core/definitions/QuorlinResources.h"
 #include "core/definitions/WorkflowLoader.h"
 #include "core/execution/DefaultScriptRunner.h"
 #include "core/execution/GenericScriptWorkflowService.h"
-#include "core/foundation/Cancellation.h"
+#include "core/execution/RunCoordinator.h"
 #include "core/foundation/EventLoop.h"
+#include "core/foundation/Text.h"
+#include "core/stores/AuditLogStore.h"
 
-#include <atomic>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <functional>
 #include <iostream>
 #include <thread>
+#include <unistd.h>
 
 namespace quorlin::cli {
 
 namespace {
 
-// Turns Ctrl-C (and SIGTERM) into a stop request for the run. The signals are blocked in
+// Turns Ctrl-C (and SIGTERM) into a cancel of the run. The signals are blocked in
 // every thread and taken here with sigtimedwait, so no handler runs in signal context.
 class InterruptWatcher {
 public:
-    explicit InterruptWatcher(std::stop_source stop) {
+    explicit InterruptWatcher(std::function<void()> onInterrupt) {
         sigemptyset(&signals_);
         sigaddset(&signals_, SIGINT);
         sigaddset(&signals_, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-        thread_ = std::jthread([this, stop](std::stop_token done) mutable {
+        thread_ = std::jthread([this, onInterrupt = std::move(onInterrupt)](std::stop_token done) {
             const timespec tick{0, 100'000'000};
             while (!done.stop_requested()) {
                 if (sigtimedwait(&signals_, nullptr, &tick) > 0) {
-                    interrupted_ = true;
-                    stop.request_stop();
+                    onInterrupt();
                 }
             }
         });
@@ -46,75 +51,253 @@ public:
     InterruptWatcher(const InterruptWatcher&) = delete;
     InterruptWatcher& operator=(const InterruptWatcher&) = delete;
 
-    bool interrupted() const { return interrupted_; }
-
 private:
     sigset_t signals_{};
-    std::atomic<bool> interrupted_{false};
     std::jthread thread_;
 };
 
-void printResult(const GenericScriptWorkflowRunResult& result) {
-    std::cout << result.outputSummary << '\n';
-    if (result.outputFolder) {
-        std::cout << "Output folder: " << *result.outputFolder << '\n';
+enum class ApprovalAnswer { ask, all, none };
+
+struct RunOptions {
+    std::string flowID;
+    ApprovalAnswer approve = ApprovalAnswer::ask;
+    std::optional<std::string> inputFile;
+    std::vector<std::pair<std::string, std::string>> folders; // setting key, path
+};
+
+constexpr const char* runUsage = "usage: quorlin run <flow-id> [--input-file <path>] "
+                                 "[--folder <setting-key>=<path>]... [--approve all|none]";
+
+std::optional<RunOptions> parseRunOptions(const Arguments& arguments) {
+    RunOptions options;
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        const auto& word = arguments[index];
+        const bool hasValue = index + 1 < arguments.size();
+        if (word == "--input-file" && hasValue) {
+            options.inputFile = arguments[++index];
+        } else if (word == "--folder" && hasValue) {
+            const auto& pair = arguments[++index];
+            const auto equals = pair.find('=');
+            if (equals == std::string::npos || equals == 0) {
+                return std::nullopt;
+            }
+            options.folders.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
+        } else if (word == "--approve" && hasValue &&
+                   (arguments[index + 1] == "all" || arguments[index + 1] == "none")) {
+            options.approve =
+                arguments[++index] == "all" ? ApprovalAnswer::all : ApprovalAnswer::none;
+        } else if (!startsWith(word, "-") && options.flowID.empty()) {
+            options.flowID = word;
+        } else {
+            return std::nullopt;
+        }
     }
-    std::printf("Finished %s in %.1fs.\n", result.flowID.c_str(), result.durationSeconds);
+    return options.flowID.empty() ? std::nullopt : std::optional(options);
 }
+
+// The paths given on the command line, under the environment keys the flow's steps read,
+// as the desktop app hands over the files and folders a user picked.
+EnvironmentOverrides settingOverrides(const RunOptions& options, const FlowDefinition& flow) {
+    EnvironmentOverrides overrides;
+    const auto absolute = [](const std::string& path) {
+        return std::filesystem::absolute(path).string();
+    };
+    if (options.inputFile) {
+        const auto key = firstFileSettingEnvironmentKey(flow);
+        if (!key) {
+            throw Error("Workflow " + flow.id + " takes no input file.");
+        }
+        overrides[*key] = absolute(*options.inputFile);
+    }
+    for (const auto& [setting, path] : options.folders) {
+        const auto key = folderSettingEnvironmentKey(flow, setting);
+        if (!key) {
+            throw Error("Workflow " + flow.id + " has no folder setting named " + setting + ".");
+        }
+        overrides[*key] = absolute(path);
+    }
+    return overrides;
+}
+
+// The proposals at the gate, one line each.
+void printProposals(const std::vector<ApprovalProposal>& proposals) {
+    std::printf("\n%zu proposal(s) to review:\n", proposals.size());
+    for (const auto& item : proposals) {
+        std::printf("  %3lld  %s | %s\n       %s  ->  %s\n", static_cast<long long>(item.index),
+                    item.sender.c_str(), item.subject.c_str(), item.originalName.c_str(),
+                    item.proposedName.c_str());
+    }
+}
+
+// Asks on the terminal whether to file the proposals; end of input counts as no.
+bool askToFile(std::size_t count) {
+    while (true) {
+        std::printf("File these %zu file(s)? [y]es / [n]o, reject all: ", count);
+        std::fflush(stdout);
+        std::string answer;
+        if (!std::getline(std::cin, answer)) {
+            std::printf("\n");
+            return false;
+        }
+        answer = lowercased(trimmed(answer));
+        if (answer == "y" || answer == "yes") {
+            return true;
+        }
+        if (answer == "n" || answer == "no") {
+            return false;
+        }
+    }
+}
+
+std::int64_t totalMinutesSaved(const AuditLogStore& store) {
+    std::int64_t total = 0;
+    for (const auto& run : store.load().runs) {
+        total += run.minutesSaved;
+    }
+    return total;
+}
+
+// Drives one run through the coordinator on this thread's event loop, the way the desktop
+// app does: shows the steps, answers the gate, and ends with the finished session.
+class TerminalRun {
+public:
+    TerminalRun(RunCoordinator& coordinator, EventLoop& loop, RunContext context,
+                const RunOptions& options)
+        : coordinator_(coordinator), loop_(loop), context_(std::move(context)), options_(options),
+          printer_(stdout) {}
+
+    int run() {
+        coordinator_.start(options_.flowID, context_,
+                           [this](const RunEvent& event) { handle(event); });
+        loop_.run();
+        printer_.finishLine();
+        return outcome();
+    }
+
+    void cancel() { coordinator_.cancel(options_.flowID); }
+
+private:
+    void handle(const RunEvent& event) {
+        if (event.kind == RunEvent::Kind::cancelled) {
+            cancelled_ = true;
+            loop_.quit();
+            return;
+        }
+        if (event.kind == RunEvent::Kind::auditRunRecorded) {
+            recordedRunID_ = event.auditRun->id.uppercaseString();
+            return;
+        }
+        session_ = *event.session;
+        printer_.show(*session_);
+        switch (session_->stage) {
+        case RunStage::complete:
+        case RunStage::failed:
+            loop_.quit();
+            break;
+        case RunStage::approval:
+            answerGate();
+            break;
+        case RunStage::running:
+            if (isParkedAtGate()) {
+                coordinator_.advance(options_.flowID, context_); // opens the proposals
+            }
+            break;
+        case RunStage::filing:
+            break;
+        }
+    }
+
+    bool isParkedAtGate() const {
+        return !coordinator_.isRunning(options_.flowID) &&
+               std::any_of(session_->liveSteps.begin(), session_->liveSteps.end(),
+                           [](const LiveStep& step) {
+                               return step.state.kind == LiveStepState::Kind::waiting;
+                           });
+    }
+
+    void answerGate() {
+        printer_.finishLine();
+        printProposals(session_->approvalItems);
+        bool file = options_.approve == ApprovalAnswer::all;
+        if (options_.approve == ApprovalAnswer::ask) {
+            if (!printer_.isTerminal() || isatty(STDIN_FILENO) == 0) {
+                std::cerr
+                    << "quorlin: the run is waiting for approval; answer with --approve all or "
+                       "--approve none.\n";
+                unanswered_ = true;
+                cancel();
+                return;
+            }
+            file = askToFile(session_->approvalItems.size());
+        }
+        if (file) {
+            coordinator_.advance(options_.flowID, context_);
+        } else {
+            coordinator_.rejectAllApprovalItems(options_.flowID, context_);
+        }
+    }
+
+    int outcome() const {
+        if (unanswered_) {
+            return 1;
+        }
+        if (cancelled_ || !session_) {
+            std::cerr << "Run cancelled.\n";
+            return 130;
+        }
+        if (session_->stage == RunStage::failed) {
+            return fail(session_->failureMessage.value_or("The run failed."));
+        }
+        std::cout << session_->resultOutput << '\n';
+        if (session_->outputFolder) {
+            std::cout << "Output folder: " << *session_->outputFolder << '\n';
+        }
+        if (!recordedRunID_.empty()) {
+            std::cout << "Recorded as run " << recordedRunID_.substr(0, 8)
+                      << " (quorlin history show " << recordedRunID_.substr(0, 8) << ").\n";
+        }
+        return 0;
+    }
+
+    RunCoordinator& coordinator_;
+    EventLoop& loop_;
+    RunContext context_;
+    const RunOptions& options_;
+    ProgressPrinter printer_;
+    std::optional<FlowRunSession> session_;
+    std::string recordedRunID_;
+    bool cancelled_ = false;
+    bool unanswered_ = false;
+};
 
 } // namespace
 
 int runCommand(const Arguments& arguments) {
-    if (arguments.size() != 1) {
-        return fail("usage: quorlin run <flow-id>");
+    const auto options = parseRunOptions(arguments);
+    if (!options) {
+        return fail(runUsage);
     }
-    const std::string flowID = arguments[0];
     const auto paths = AppSupportPaths::fromEnvironment();
     const auto& resources = QuorlinResources::installed();
+    const WorkflowBundleLocator locator(resources, paths);
+    const WorkflowLoader loader(locator);
+    auto auditStore = std::make_shared<AuditLogStore>(paths);
+
+    RunContext context;
+    context.clientProfile = ClientProfileStore(paths).loadOrCreateDefault(resources);
+    context.totalMinutesSaved = totalMinutesSaved(*auditStore);
+    if (options->inputFile || !options->folders.empty()) {
+        context.environmentOverrides =
+            settingOverrides(*options, loader.loadAvailableWorkflow(options->flowID).flow);
+    }
+
     EventLoop loop;
-    GenericScriptWorkflowService service(WorkflowLoader(resources),
-                                         std::make_shared<DefaultScriptRunner>(resources, paths),
-                                         paths, loop);
-
-    std::stop_source stop;
-    InterruptWatcher interrupts(stop);
-    ProgressPrinter printer(stdout);
-    WorkflowRunRequest request;
-    request.progress = [&printer](const GenericScriptWorkflowProgress& progress) {
-        printer.show(progress);
-    };
-    request.stopToken = stop.get_token();
-
-    std::optional<GenericScriptWorkflowRunResult> result;
-    std::exception_ptr failure;
-    std::jthread worker([&] {
-        try {
-            result = service.run(flowID, request);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        loop.post([&loop] { loop.quit(); });
-    });
-    loop.run();
-    worker.join();
-
-    if (result) {
-        printResult(*result);
-        return 0;
-    }
-    printer.stepFailed();
-    try {
-        std::rethrow_exception(failure);
-    } catch (const CancellationError&) {
-        std::cerr << "Run cancelled.\n";
-        return 130;
-    } catch (const std::exception& error) {
-        if (interrupts.interrupted()) {
-            std::cerr << "Run cancelled: " << error.what() << '\n';
-            return 130;
-        }
-        return fail(error.what());
-    }
+    auto service = std::make_shared<GenericScriptWorkflowService>(
+        loader, std::make_shared<DefaultScriptRunner>(locator), paths, loop);
+    RunCoordinator coordinator(service, auditStore, loader, loop);
+    TerminalRun run(coordinator, loop, std::move(context), *options);
+    InterruptWatcher interrupts([&] { loop.post([&] { run.cancel(); }); });
+    return run.run();
 }
 
 } // namespace quorlin::cli

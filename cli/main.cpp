@@ -9,8 +9,19 @@ namespace {
 constexpr const char* usage = R"(Usage: quorlin <command> [arguments]
 
 Commands:
-  run <flow-id>                    Run a workflow and print its progress and result.
+  run <flow-id> [--input-file <path>] [--folder <setting>=<path>]...
+                                   Run a workflow and print its progress and result.
   inspect <flow.yaml | bundle dir> Print a workflow document as it is read, as JSON.
+  install <file.quorlinflow>       Install a workflow plugin package and make it active.
+  uninstall <flow-id>              Remove every installed version of a workflow.
+  pack <bundle dir> [-o <file>]    Make a plugin package from a workflow bundle.
+  profile [--path]                 Print the client profile as saved, creating it from the
+                                   default when missing; --path prints where it lives.
+  flows                            List the available workflows and whether each loads.
+  validate <bundle dir>            Load one bundle, check its blocks, print ok or the error.
+  history [--flow <id>] [--status <word>] [--limit N] [--json | --csv]
+                                   List past runs, newest first.
+  history show <run-id> [--json]   Print one run with its step timings and records.
 
 Options:
   -h, --help       Show this help.
@@ -34,8 +45,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     const std::map<std::string, int (*)(const Arguments&)> commands{
-        {"inspect", inspectCommand},
-        {"run", runCommand},
+        {"inspect", inspectCommand},     {"run", runCommand},           {"install", installCommand},
+        {"uninstall", uninstallCommand}, {"pack", packCommand},         {"profile", profileCommand},
+        {"flows", flowsCommand},         {"validate", validateCommand}, {"history", historyCommand},
     };
     const auto command = commands.find(words[0]);
     if (command == commands.end()) {
