@@ -237,17 +237,27 @@ GenericScriptStepRunResult FolderSteps::inputFile(const FlowDefinition& workflow
     return nativeStepResult(audit, output, startedAt);
 }
 
+FolderSteps::ChosenFolder FolderSteps::chosenFolder(const FlowDefinition& workflow,
+                                                    const FlowStep& step,
+                                                    const WorkflowValue& profile,
+                                                    const EnvironmentOverrides& overrides,
+                                                    bool output) const {
+    auto setting = stepSettingKey(step);
+    auto env = stepEnvironmentKey(step, workflow.id, false);
+    // The user's choice for this run, else the folder the app manages for the setting.
+    const auto chosen = overrideFor(overrides, env);
+    std::filesystem::path folder = chosen   ? std::filesystem::path(resolvedPath(*chosen, profile))
+                                   : output ? paths_.workflowOutputDirectory(workflow.id, setting)
+                                            : paths_.workflowInputDirectory(workflow.id, setting);
+    return {std::move(setting), std::move(env), std::move(folder)};
+}
+
 GenericScriptStepRunResult FolderSteps::inputFolder(const FlowDefinition& workflow,
                                                     const FlowStep& step,
                                                     const WorkflowValue& profile,
                                                     const EnvironmentOverrides& overrides) const {
     const auto startedAt = std::chrono::system_clock::now();
-    const auto setting = stepSettingKey(step);
-    const auto env = stepEnvironmentKey(step, workflow.id, false);
-    const auto chosen = overrideFor(overrides, env);
-    const std::filesystem::path folder = chosen
-                                             ? std::filesystem::path(resolvedPath(*chosen, profile))
-                                             : paths_.workflowInputDirectory(workflow.id, setting);
+    const auto [setting, env, folder] = chosenFolder(workflow, step, profile, overrides, false);
     std::error_code error;
     const bool exists = std::filesystem::exists(folder, error);
     if (configFlag(step, "must_exist", false) && !exists) {
@@ -268,12 +278,7 @@ GenericScriptStepRunResult FolderSteps::outputFolder(const FlowDefinition& workf
                                                      const WorkflowValue& profile,
                                                      const EnvironmentOverrides& overrides) const {
     const auto startedAt = std::chrono::system_clock::now();
-    const auto setting = stepSettingKey(step);
-    const auto env = stepEnvironmentKey(step, workflow.id, false);
-    const auto chosen = overrideFor(overrides, env);
-    const std::filesystem::path folder = chosen
-                                             ? std::filesystem::path(resolvedPath(*chosen, profile))
-                                             : paths_.workflowOutputDirectory(workflow.id, setting);
+    const auto [setting, env, folder] = chosenFolder(workflow, step, profile, overrides, true);
     if (configFlag(step, "create", true)) {
         createDirectories(folder);
     }

@@ -4,6 +4,7 @@
 #include "core/definitions/WorkflowDocument.h"
 #include "core/execution/GenericScriptWorkflowRunning.h"
 
+#include <filesystem>
 #include <set>
 #include <string>
 
@@ -52,6 +53,15 @@ public:
                                             const EnvironmentOverrides& overrides) const;
 
 private:
+    struct ChosenFolder {
+        std::string setting;
+        std::string env;
+        std::filesystem::path folder;
+    };
+    ChosenFolder chosenFolder(const FlowDefinition& workflow, const FlowStep& step,
+                              const WorkflowValue& profile, const EnvironmentOverrides& overrides,
+                              bool output) const;
+
     AppSupportPaths paths_;
 };
 
