@@ -1,62 +1,16 @@
 #pragma once
 
+#include "core/definitions/ClientProfileError.h"
+#include "core/definitions/LLMRouting.h"
 #include "core/definitions/WorkflowValue.h"
-#include "core/foundation/Error.h"
 #include "core/foundation/YamlNode.h"
 
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace quorlin {
-
-using LLMRouteMap = std::map<std::string, std::string, std::less<>>;
-
-// The provider of a role nobody routed, and what an empty llm_routing reads as.
-inline constexpr std::string_view fallbackLLMProvider = "claude-sonnet";
-// The role whose provider is kept apart from the other roles' routes.
-inline constexpr std::string_view namingProposalRole = "naming_proposal";
-
-// Which LLM provider serves which role, workflow and step. The provider words themselves
-// ("claude-sonnet", "ollama:qwen2.5:7b") mean nothing here; the LLM step reads them.
-// The changing operations return a changed copy.
-struct LLMRouting {
-    std::string defaultProvider;
-    std::string namingProposal;
-    LLMRouteMap additionalRoutes; // role to provider, naming_proposal never among them
-    LLMRouteMap workflowDefaults; // workflow id to provider
-    LLMRouteMap stepRoutes;       // "<workflow id>.<step id>" to provider
-
-    // Both providers fallbackLLMProvider.
-    LLMRouting();
-    // An absent default route becomes the naming provider as well.
-    explicit LLMRouting(std::string naming, std::optional<std::string> defaultRoute = std::nullopt,
-                        LLMRouteMap roles = {}, LLMRouteMap workflows = {}, LLMRouteMap steps = {});
-
-    // naming_proposal: namingProposal; any other role: its route, else defaultProvider.
-    std::string provider(std::string_view role) const;
-    // Sets namingProposal for naming_proposal, the role's route otherwise; the default
-    // provider is never touched.
-    LLMRouting settingRole(std::string_view role, std::string provider) const;
-
-    std::optional<std::string> workflowDefault(std::string_view workflowID) const;
-    LLMRouting settingWorkflowDefault(std::string_view workflowID, std::string provider) const;
-
-    std::optional<std::string> stepProvider(std::string_view workflowID,
-                                            std::string_view stepID) const;
-    // Stores the provider trimmed; an absent or blank one removes the step's route.
-    LLMRouting settingStepProvider(std::string_view workflowID, std::string_view stepID,
-                                   std::optional<std::string_view> provider) const;
-
-    // The key of a step route. It is only ever composed, never split, so ids that hold
-    // dots stay exact.
-    static std::string stepRouteKey(std::string_view workflowID, std::string_view stepID);
-
-    friend bool operator==(const LLMRouting&, const LLMRouting&) = default;
-};
 
 struct Approvers {
     std::string owner;
@@ -92,22 +46,6 @@ struct ClientProfile {
 struct ClientProfileDocument {
     ClientProfile clientProfile;
     friend bool operator==(const ClientProfileDocument&, const ClientProfileDocument&) = default;
-};
-
-// A profile that can't be written as a file that reads back the same.
-class ClientProfileError : public Error {
-public:
-    enum class Kind { reservedRoutingRole };
-
-    // role: the route whose name llm_routing keeps for itself ("default", "workflows", ...).
-    ClientProfileError(Kind kind, std::string role);
-
-    Kind kind() const { return kind_; }
-    const std::string& role() const { return role_; }
-
-private:
-    Kind kind_;
-    std::string role_;
 };
 
 // Every key is required except target_year_month; a missing key or a value of the wrong

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/foundation/Error.h"
-#include "core/foundation/YamlNode.h"
+#include "core/foundation/YamlMark.h"
 
 #include <string>
 

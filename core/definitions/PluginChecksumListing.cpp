@@ -1,7 +1,7 @@
 #include "PluginChecksumListing.h"
 
 #include "core/definitions/PackagePath.h"
-#include "core/definitions/WorkflowInstaller.h"
+#include "core/definitions/WorkflowInstallerError.h"
 #include "core/foundation/Text.h"
 
 #include <algorithm>

@@ -3,6 +3,7 @@
 #include "core/definitions/PackagePath.h"
 #include "core/definitions/PluginChecksumListing.h"
 #include "core/definitions/WorkflowInstaller.h"
+#include "core/definitions/WorkflowInstallerError.h"
 #include "core/foundation/Archive.h"
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/ScratchDirectory.h"

@@ -1,6 +1,6 @@
 #include "WorkflowValue.h"
 
-#include "core/definitions/WorkflowValueCoding.h"
+#include "core/definitions/WorkflowScalarRules.h"
 #include "core/foundation/Text.h"
 
 #include <cmath>

@@ -1,6 +1,6 @@
 #include "AtomicFile.h"
 
-#include "Uuid.h"
+#include "core/foundation/Uuid.h"
 
 #include <cerrno>
 #include <cstring>
@@ -13,18 +13,6 @@
 namespace quorlin {
 
 namespace {
-
-std::string kindText(FileError::Kind kind) {
-    switch (kind) {
-    case FileError::Kind::readFailed:
-        return "Could not read ";
-    case FileError::Kind::writeFailed:
-        return "Could not write ";
-    case FileError::Kind::createDirectoryFailed:
-        return "Could not create the folder ";
-    }
-    return {};
-}
 
 // Closes the descriptor when it goes out of scope.
 class FileDescriptor {
@@ -58,9 +46,6 @@ void writeAll(int descriptor, std::string_view bytes, const std::filesystem::pat
 }
 
 } // namespace
-
-FileError::FileError(Kind kind, const std::filesystem::path& path, const std::string& reason)
-    : Error(kindText(kind) + path.string() + ": " + reason), kind_(kind) {}
 
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);

@@ -1,25 +1,12 @@
 #pragma once
 
-#include "Error.h"
+#include "core/foundation/FileError.h"
 
 #include <filesystem>
 #include <string>
 #include <string_view>
 
 namespace quorlin {
-
-class FileError : public Error {
-public:
-    enum class Kind { readFailed, writeFailed, createDirectoryFailed };
-
-    // reason: the system's words for what went wrong.
-    FileError(Kind kind, const std::filesystem::path& path, const std::string& reason);
-
-    Kind kind() const { return kind_; }
-
-private:
-    Kind kind_;
-};
 
 // Reads a whole file as bytes.
 std::string readFile(const std::filesystem::path& path);

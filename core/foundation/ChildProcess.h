@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Error.h"
+#include "core/foundation/ChildProcessError.h"
 
 #include <chrono>
 #include <filesystem>
@@ -30,22 +30,6 @@ struct ChildProcessResult {
     int exitCode = 0;
     std::string standardOutput;
     std::string standardError;
-};
-
-class ChildProcessError : public Error {
-public:
-    enum class Kind { launchFailed, timedOut, ioFailed };
-
-    // detail: the system's reason for launchFailed and ioFailed; unused for timedOut.
-    ChildProcessError(Kind kind, const std::filesystem::path& executable, std::string detail,
-                      std::chrono::duration<double> timeout = {});
-
-    Kind kind() const { return kind_; }
-    std::chrono::duration<double> timeout() const { return timeout_; }
-
-private:
-    Kind kind_;
-    std::chrono::duration<double> timeout_;
 };
 
 // Runs one child process to its end. stdin is fed and stdout/stderr are drained at the

@@ -1,6 +1,6 @@
 #include "Sha256.h"
 
-#include "AtomicFile.h"
+#include "core/foundation/FileError.h"
 
 #include <array>
 #include <cerrno>

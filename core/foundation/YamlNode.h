@@ -1,6 +1,7 @@
 #pragma once
 
-#include "Error.h"
+#include "core/foundation/YamlError.h"
+#include "core/foundation/YamlMark.h"
 
 #include <cstddef>
 #include <string>
@@ -15,13 +16,6 @@ namespace quorlin {
 // document.
 inline constexpr std::size_t yamlMaxDepth = 512;
 inline constexpr std::size_t yamlMaxAliasNodes = 1'000'000;
-
-// Where a node starts in its source text, 1-based, for error messages. Line 0 means the
-// node has no source text (it was built from JSON or in code).
-struct YamlMark {
-    std::size_t line = 0;
-    std::size_t column = 0;
-};
 
 // A YAML node tree as read from one document. Scalars keep their text as written and
 // whether they were plain (unquoted, not a block, no explicit tag): the value layer, not
@@ -48,34 +42,6 @@ struct YamlNode {
     static YamlNode quotedScalar(std::string text);
     static YamlNode sequence(std::vector<YamlNode> items = {});
     static YamlNode mapping(std::vector<std::pair<std::string, YamlNode>> entries = {});
-};
-
-class YamlError : public Error {
-public:
-    enum class Kind {
-        syntax,
-        multipleDocuments,
-        undefinedAlias,
-        duplicateKey,
-        unsupportedKey,
-        invalidMerge,
-        tooDeep,
-        tooManyAliasNodes,
-    };
-
-    // detail: the parser's problem text for syntax, the alias name for undefinedAlias,
-    // the key for duplicateKey, the kind of node found ("sequence", "mapping", "scalar")
-    // for unsupportedKey and invalidMerge; unused otherwise.
-    YamlError(Kind kind, std::string detail, YamlMark mark);
-
-    Kind kind() const { return kind_; }
-    const std::string& detail() const { return detail_; }
-    const YamlMark& mark() const { return mark_; }
-
-private:
-    Kind kind_;
-    std::string detail_;
-    YamlMark mark_;
 };
 
 // Parses text holding a single YAML document. An empty stream gives an empty plain

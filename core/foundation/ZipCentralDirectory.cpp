@@ -1,6 +1,6 @@
 #include "ZipCentralDirectory.h"
 
-#include "Archive.h"
+#include "core/foundation/ArchiveError.h"
 
 #include <algorithm>
 #include <cstdint>

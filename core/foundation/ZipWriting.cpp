@@ -1,8 +1,9 @@
 // writeZip of Archive.h: the writing side, over libarchive.
 
-#include "Archive.h"
-#include "ArchiveSupport.h"
-#include "Uuid.h"
+#include "core/foundation/Archive.h"
+#include "core/foundation/ArchiveError.h"
+#include "core/foundation/ArchiveSupport.h"
+#include "core/foundation/Uuid.h"
 
 #include <array>
 #include <cerrno>

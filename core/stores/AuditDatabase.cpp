@@ -1,6 +1,6 @@
 #include "AuditDatabase.h"
 
-#include "AuditLogStore.h"
+#include "core/stores/AuditLogStoreError.h"
 
 #include <cstdint>
 

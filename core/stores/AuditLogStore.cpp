@@ -1,9 +1,9 @@
 #include "AuditLogStore.h"
 
-#include "AuditDatabase.h"
-#include "AuditRunJson.h"
 #include "core/definitions/AppSupportPaths.h"
 #include "core/foundation/AtomicFile.h"
+#include "core/stores/AuditDatabase.h"
+#include "core/stores/AuditRunJson.h"
 
 #include <system_error>
 
@@ -219,13 +219,6 @@ AuditRun readRun(const AuditStatement& row, const std::string& idText) {
 }
 
 } // namespace
-
-AuditLogStoreError AuditLogStoreError::sqlite(std::string detail) {
-    return {Kind::sqlite, std::move(detail)};
-}
-
-AuditLogStoreError::AuditLogStoreError(Kind kind, std::string detail)
-    : Error("Audit SQLite access failed: " + detail), kind_(kind), detail_(std::move(detail)) {}
 
 // The data root is not created here: constructing a store touches nothing on disk.
 AuditLogStore::AuditLogStore(const AppSupportPaths& paths)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/foundation/Error.h"
+#include "core/stores/AuditLogStoreError.h"
 #include "core/stores/AuditRun.h"
 
 #include <filesystem>
@@ -9,23 +9,6 @@
 namespace quorlin {
 
 class AppSupportPaths;
-
-class AuditLogStoreError : public Error {
-public:
-    enum class Kind { sqlite };
-
-    static AuditLogStoreError sqlite(std::string detail);
-
-    // detail: SQLite's own message, or ours where it has none.
-    AuditLogStoreError(Kind kind, std::string detail);
-
-    Kind kind() const { return kind_; }
-    const std::string& detail() const { return detail_; }
-
-private:
-    Kind kind_;
-    std::string detail_;
-};
 
 // How the run coordinator records a finished run, so a test can hand it something else.
 class AuditLogWriting {

@@ -1,0 +1,24 @@
+#include "FileError.h"
+
+namespace quorlin {
+
+namespace {
+
+std::string kindText(FileError::Kind kind) {
+    switch (kind) {
+    case FileError::Kind::readFailed:
+        return "Could not read ";
+    case FileError::Kind::writeFailed:
+        return "Could not write ";
+    case FileError::Kind::createDirectoryFailed:
+        return "Could not create the folder ";
+    }
+    return {};
+}
+
+} // namespace
+
+FileError::FileError(Kind kind, const std::filesystem::path& path, const std::string& reason)
+    : Error(kindText(kind) + path.string() + ": " + reason), kind_(kind) {}
+
+} // namespace quorlin
