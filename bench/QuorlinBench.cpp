@@ -52,8 +52,9 @@ void BM_ScriptStepOverhead(benchmark::State& state) {
     const auto script = fixture.writeBundleFile("bench", "step.py", "print('{}')\n");
     const auto python = testing::systemInterpreter("python");
     EventLoop unusedMainThread; // no progress callback is given, so nothing is posted
+    const WorkflowLoader loader(fixture.locator());
     GenericScriptWorkflowService service(
-        WorkflowLoader(fixture.locator()),
+        loader,
         std::make_shared<DefaultScriptRunner>(fixture.locator(),
                                               [&](ScriptRuntime) { return python; }),
         fixture.paths(), unusedMainThread);
@@ -65,7 +66,7 @@ void BM_ScriptStepOverhead(benchmark::State& state) {
         const auto start = Clock::now();
         runChildProcess({python, {script.string()}, {}, std::nullopt, "{}", std::nullopt});
         const auto middle = Clock::now();
-        benchmark::DoNotOptimize(service.run("bench", {}));
+        benchmark::DoNotOptimize(service.run(loader.loadRunnableWorkflow("bench"), {}));
         const auto end = Clock::now();
         bareSeconds += std::chrono::duration<double>(middle - start).count();
         stepSeconds += std::chrono::duration<double>(end - middle).count();

@@ -6,16 +6,15 @@
 #include "core/definitions/WorkflowLoader.h"
 #include "core/execution/DefaultScriptRunner.h"
 #include "core/execution/GenericScriptWorkflowService.h"
+#include "core/execution/RunContext.h"
 #include "core/execution/RunCoordinator.h"
 #include "core/foundation/EventLoop.h"
 #include "core/foundation/Text.h"
 #include "core/stores/AuditLogStore.h"
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <thread>
@@ -61,8 +60,7 @@ enum class ApprovalAnswer { ask, all, none };
 struct RunOptions {
     std::string flowID;
     ApprovalAnswer approve = ApprovalAnswer::ask;
-    std::optional<std::string> inputFile;
-    std::vector<std::pair<std::string, std::string>> folders; // setting key, path
+    RunChoices choices;
 };
 
 constexpr const char* runUsage = "usage: quorlin run <flow-id> [--input-file <path>] "
@@ -74,14 +72,14 @@ std::optional<RunOptions> parseRunOptions(const Arguments& arguments) {
         const auto& word = arguments[index];
         const bool hasValue = index + 1 < arguments.size();
         if (word == "--input-file" && hasValue) {
-            options.inputFile = arguments[++index];
+            options.choices.inputFile = arguments[++index];
         } else if (word == "--folder" && hasValue) {
             const auto& pair = arguments[++index];
             const auto equals = pair.find('=');
             if (equals == std::string::npos || equals == 0) {
                 return std::nullopt;
             }
-            options.folders.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
+            options.choices.folders.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
         } else if (word == "--approve" && hasValue &&
                    (arguments[index + 1] == "all" || arguments[index + 1] == "none")) {
             options.approve =
@@ -93,30 +91,6 @@ std::optional<RunOptions> parseRunOptions(const Arguments& arguments) {
         }
     }
     return options.flowID.empty() ? std::nullopt : std::optional(options);
-}
-
-// The paths given on the command line, under the environment keys the flow's steps read,
-// as the desktop app hands over the files and folders a user picked.
-EnvironmentOverrides settingOverrides(const RunOptions& options, const FlowDefinition& flow) {
-    EnvironmentOverrides overrides;
-    const auto absolute = [](const std::string& path) {
-        return std::filesystem::absolute(path).string();
-    };
-    if (options.inputFile) {
-        const auto key = firstFileSettingEnvironmentKey(flow);
-        if (!key) {
-            throw Error("Workflow " + flow.id + " takes no input file.");
-        }
-        overrides[*key] = absolute(*options.inputFile);
-    }
-    for (const auto& [setting, path] : options.folders) {
-        const auto key = folderSettingEnvironmentKey(flow, setting);
-        if (!key) {
-            throw Error("Workflow " + flow.id + " has no folder setting named " + setting + ".");
-        }
-        overrides[*key] = absolute(path);
-    }
-    return overrides;
 }
 
 // The proposals at the gate, one line each.
@@ -166,9 +140,14 @@ public:
         : coordinator_(coordinator), loop_(loop), context_(std::move(context)), options_(options),
           printer_(stdout) {}
 
-    int run() {
-        coordinator_.start(options_.flowID, context_,
-                           [this](const RunEvent& event) { handle(event); });
+    // workflow: the flow when the caller has loaded it already.
+    int run(std::optional<LoadedWorkflow> workflow) {
+        auto handler = [this](const RunEvent& event) { handle(event); };
+        if (workflow) {
+            coordinator_.start(std::move(*workflow), context_, handler);
+        } else {
+            coordinator_.start(options_.flowID, context_, handler);
+        }
         loop_.run();
         printer_.finishLine();
         return outcome();
@@ -187,6 +166,10 @@ private:
             recordedRunID_ = event.auditRun->id.uppercaseString();
             return;
         }
+        if (event.kind == RunEvent::Kind::waitingAtGate) {
+            coordinator_.advance(options_.flowID, context_); // opens the proposals
+            return;
+        }
         session_ = *event.session;
         printer_.show(*session_);
         switch (session_->stage) {
@@ -198,21 +181,9 @@ private:
             answerGate();
             break;
         case RunStage::running:
-            if (isParkedAtGate()) {
-                coordinator_.advance(options_.flowID, context_); // opens the proposals
-            }
-            break;
         case RunStage::filing:
             break;
         }
-    }
-
-    bool isParkedAtGate() const {
-        return !coordinator_.isRunning(options_.flowID) &&
-               std::any_of(session_->liveSteps.begin(), session_->liveSteps.end(),
-                           [](const LiveStep& step) {
-                               return step.state.kind == LiveStepState::Kind::waiting;
-                           });
     }
 
     void answerGate() {
@@ -286,9 +257,10 @@ int runCommand(const Arguments& arguments) {
     RunContext context;
     context.clientProfile = ClientProfileStore(paths).loadOrCreateDefault(resources);
     context.totalMinutesSaved = totalMinutesSaved(*auditStore);
-    if (options->inputFile || !options->folders.empty()) {
-        context.environmentOverrides =
-            settingOverrides(*options, loader.loadAvailableWorkflow(options->flowID).flow);
+    std::optional<LoadedWorkflow> workflow;
+    if (options->choices.inputFile || !options->choices.folders.empty()) {
+        workflow = loader.loadRunnableWorkflow(options->flowID);
+        context.environmentOverrides = choiceOverrides(workflow->flow(), options->choices);
     }
 
     EventLoop loop;
@@ -297,7 +269,7 @@ int runCommand(const Arguments& arguments) {
     RunCoordinator coordinator(service, auditStore, loader, loop);
     TerminalRun run(coordinator, loop, std::move(context), *options);
     InterruptWatcher interrupts([&] { loop.post([&] { run.cancel(); }); });
-    return run.run();
+    return run.run(std::move(workflow));
 }
 
 } // namespace quorlin::cli

@@ -84,6 +84,16 @@ WorkflowDocument WorkflowLoader::loadAvailableWorkflow(const std::string& workfl
     return loadWorkflowBundle(availableWorkflowReference(workflowID));
 }
 
+LoadedWorkflow WorkflowLoader::loadRunnableWorkflow(const std::string& workflowID) const {
+    LoadedWorkflow loaded;
+    loaded.reference = availableWorkflowReference(workflowID);
+    loaded.document = loadWorkflow(workflowFile(loaded.reference));
+    for (auto& resolution : validateWorkflowBlocks(loaded.document, loaded.reference.directory)) {
+        loaded.blockResolutions.insert_or_assign(resolution.stepID, std::move(resolution));
+    }
+    return loaded;
+}
+
 std::vector<WorkflowBlockResolution> WorkflowLoader::validateWorkflowBlocks(
     const WorkflowDocument& document, const std::filesystem::path& bundleDirectory) const {
     return validator_.validate(document, bundleDirectory);

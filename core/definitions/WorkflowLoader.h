@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/definitions/LoadedWorkflow.h"
 #include "core/definitions/WorkflowBlockValidator.h"
 #include "core/definitions/WorkflowBundleLocator.h"
 #include "core/definitions/WorkflowDocument.h"
@@ -46,6 +47,8 @@ public:
     // an installed workflow shadows a bundled one of the same id.
     WorkflowBundleReference availableWorkflowReference(const std::string& workflowID) const;
     WorkflowDocument loadAvailableWorkflow(const std::string& workflowID) const;
+    // The available workflow with its block resolutions, as a run needs it.
+    LoadedWorkflow loadRunnableWorkflow(const std::string& workflowID) const;
 
     std::vector<WorkflowBlockResolution> validateWorkflowBlocks(
         const WorkflowDocument& document, const std::filesystem::path& bundleDirectory) const;

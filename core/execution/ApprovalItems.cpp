@@ -65,8 +65,8 @@ std::vector<ApprovalProposal> approvalItems(const GenericWorkflowApprovalCheckpo
         return {};
     }
     const auto rows = approvalRows(table->second);
-    const auto manifest = attachmentManifest(checkpoint.stepOutputs);
-    const auto previewPaths = stringDictionaryOutput("preview_paths", checkpoint.stepOutputs);
+    const auto manifest = attachmentManifest(checkpoint.log.stepOutputs);
+    const auto previewPaths = stringDictionaryOutput("preview_paths", checkpoint.log.stepOutputs);
 
     std::vector<ApprovalProposal> proposals;
     proposals.reserve(rows.size());

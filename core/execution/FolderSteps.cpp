@@ -1,5 +1,6 @@
 #include "FolderSteps.h"
 
+#include "core/definitions/StepTypes.h"
 #include "core/definitions/WorkflowLoader.h"
 #include "core/execution/NativeStepResult.h"
 #include "core/execution/StepValueResolution.h"
@@ -123,7 +124,7 @@ std::optional<std::string> folderSettingEnvironmentKey(const FlowDefinition& wor
                                                        std::string_view settingKey) {
     for (const auto& step : workflow.steps) {
         const bool folderStep =
-            step.type == "filesystem-input-folder" || step.type == "filesystem-output-folder";
+            step.type == stepType::filesystemInputFolder || step.type == stepType::filesystemOutputFolder;
         if (folderStep && stepSettingKey(step) == settingKey) {
             return stepEnvironmentKey(step, workflow.id, false);
         }
@@ -133,7 +134,7 @@ std::optional<std::string> folderSettingEnvironmentKey(const FlowDefinition& wor
 
 std::optional<std::string> firstFileSettingEnvironmentKey(const FlowDefinition& workflow) {
     for (const auto& step : workflow.steps) {
-        if (step.type == "filesystem-input-file") {
+        if (step.type == stepType::filesystemInputFile) {
             return stepEnvironmentKey(step, workflow.id, true);
         }
     }

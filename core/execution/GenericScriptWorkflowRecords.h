@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/definitions/WorkflowDocument.h"
-#include "core/execution/ScriptEnvelopes.h"
+#include "core/execution/RunLog.h"
 #include "core/foundation/Error.h"
 #include "core/foundation/LocalTime.h"
 #include "core/stores/AuditRun.h"
@@ -13,8 +13,6 @@
 #include <vector>
 
 namespace quorlin {
-
-using StepOutputs = std::map<std::string, WorkflowValueMap>;
 
 enum class GenericScriptWorkflowProgressState { running, finished };
 
@@ -60,14 +58,7 @@ struct GenericWorkflowApprovalCheckpoint {
     std::string flowName;
     std::string approvalStepID;
     WorkflowValueMap approvalInputs;
-    SystemTime startedAt;
-    std::filesystem::path stagingDirectory;
-    PreviousOutputs previousOutputs;
-    StepOutputs stepOutputs;
-    std::vector<AuditStepTiming> stepTimings;
-    std::vector<AuditStepRecord> stepRecords;
-    std::vector<std::string> stdoutParts;
-    std::vector<std::string> stderrParts;
+    RunLog log; // as at the gate
 };
 
 // A failed step halts its run; this carries everything needed to record the failed run.

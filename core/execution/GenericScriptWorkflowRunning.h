@@ -1,12 +1,14 @@
 #pragma once
 
 #include "core/definitions/ClientProfileDocument.h"
+#include "core/definitions/LoadedWorkflow.h"
 #include "core/execution/ApprovalProposal.h"
 #include "core/execution/GenericScriptWorkflowRecords.h"
 #include "core/stores/AppSettings.h"
 
 #include <functional>
 #include <map>
+#include <set>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -27,21 +29,26 @@ struct WorkflowRunRequest {
     std::stop_token stopToken;
 };
 
-// The face of the run driver that the run coordinator holds. All three block the
-// calling worker thread until the run ends, stops at its gate, or fails.
+// The face of the run driver that the run coordinator holds. The three run operations
+// block the calling worker thread until the run ends, stops at its gate, or fails. The
+// workflow comes loaded and checked, once, by the caller.
 class GenericScriptWorkflowRunning {
 public:
     virtual ~GenericScriptWorkflowRunning() = default;
 
+    // The step types a workflow may use; a run meeting any other fails before that step.
+    virtual const std::set<std::string, std::less<>>& supportedStepTypes() const = 0;
+
     // Every step, first to last, for a workflow with no approval gate.
-    virtual GenericScriptWorkflowRunResult run(const std::string& flowID,
+    virtual GenericScriptWorkflowRunResult run(const LoadedWorkflow& workflow,
                                                const WorkflowRunRequest& request) = 0;
 
     // The steps up to the first "batch-approval" step, then the checkpoint.
     virtual GenericWorkflowApprovalCheckpoint
-    runUntilApproval(const std::string& flowID, const WorkflowRunRequest& request) = 0;
+    runUntilApproval(const LoadedWorkflow& workflow, const WorkflowRunRequest& request) = 0;
 
-    // The steps behind the gate, with the rows the user approved.
+    // The steps behind the gate, with the rows the user approved. The workflow is read
+    // again from disk, so an edit made while the user decided takes effect.
     virtual GenericScriptWorkflowRunResult
     resumeFromApproval(const GenericWorkflowApprovalCheckpoint& checkpoint,
                        const std::vector<ApprovalProposal>& approvedItems,

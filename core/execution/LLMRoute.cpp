@@ -22,18 +22,13 @@ std::optional<std::string> routeOfRole(const LLMRouting& routing, const std::str
     return found == routing.additionalRoutes.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::optional<std::string> documentDefault(const std::string& role, const std::string& workflowID,
-                                           const WorkflowLoader& loader) {
-    try {
-        const auto flow = loader.loadAvailableWorkflow(workflowID).flow;
-        if (flow.llmRequirements) {
-            if (const auto found = flow.llmRequirements->find(role);
-                found != flow.llmRequirements->end()) {
-                return found->second.defaultProvider;
-            }
+std::optional<std::string> documentDefault(const std::string& role,
+                                           const FlowDefinition& workflow) {
+    if (workflow.llmRequirements) {
+        if (const auto found = workflow.llmRequirements->find(role);
+            found != workflow.llmRequirements->end()) {
+            return found->second.defaultProvider;
         }
-    } catch (const std::exception&) {
-        // A workflow that doesn't load has no default to offer; the next source decides.
     }
     return std::nullopt;
 }
@@ -52,9 +47,9 @@ std::optional<std::string> stepDefault(const FlowStep& step) {
 
 } // namespace
 
-std::string resolvedLLMRoute(const std::string& role, const std::string& workflowID,
-                             const FlowStep& step, const ClientProfileDocument& clientProfile,
-                             const WorkflowLoader& loader) {
+std::string resolvedLLMRoute(const std::string& role, const FlowDefinition& workflow,
+                             const FlowStep& step, const ClientProfileDocument& clientProfile) {
+    const std::string& workflowID = workflow.id;
     const auto& routing = clientProfile.clientProfile.llmRouting;
     for (const auto& candidate :
          {routing.stepProvider(workflowID, step.id), routing.workflowDefault(workflowID),
@@ -63,7 +58,7 @@ std::string resolvedLLMRoute(const std::string& role, const std::string& workflo
             return *route;
         }
     }
-    if (auto route = nonBlank(documentDefault(role, workflowID, loader))) {
+    if (auto route = nonBlank(documentDefault(role, workflow))) {
         return *route;
     }
     if (auto route = nonBlank(stepDefault(step))) {

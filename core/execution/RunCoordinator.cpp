@@ -1,7 +1,8 @@
 #include "RunCoordinator.h"
 
-#include "core/execution/GenericScriptWorkflowService.h"
+#include "core/definitions/StepTypes.h"
 #include "core/execution/RunAuditRecords.h"
+#include "core/execution/RunResults.h"
 #include "core/execution/RunSessionBuilder.h"
 #include "core/foundation/Cancellation.h"
 
@@ -54,7 +55,7 @@ std::string withoutRunning(std::string subtitle) {
 
 void removeStagingDirectory(const PreparedApprovalWorkflowRun& prepared) {
     std::error_code ignored; // a leftover staging folder harms nothing but disk space
-    std::filesystem::remove_all(prepared.checkpoint.stagingDirectory, ignored);
+    std::filesystem::remove_all(prepared.checkpoint.log.stagingDirectory, ignored);
 }
 
 } // namespace
@@ -75,34 +76,52 @@ RunCoordinator::~RunCoordinator() {
 
 void RunCoordinator::start(const std::string& flowID, RunContext context,
                            EventHandler eventHandler) {
-    eventHandlers_[flowID] = std::move(eventHandler);
-    std::int64_t retryCount = 0;
-    if (const auto found = sessions_.find(flowID); found != sessions_.end() &&
-                                                   found->second.stage == RunStage::failed &&
-                                                   found->second.isRetryable) {
-        retryCount = found->second.retryCount + 1;
-    }
-    // A new start replaces whatever the flow was doing.
-    stopTask(flowID);
-
-    WorkflowDocument document;
+    const auto retryCount = beginStart(flowID, std::move(eventHandler));
+    std::shared_ptr<const LoadedWorkflow> workflow;
     try {
-        document = loader_.loadAvailableWorkflow(flowID);
+        workflow = std::make_shared<const LoadedWorkflow>(loader_.loadRunnableWorkflow(flowID));
     } catch (const std::exception& error) {
         failBeforeRun(flowID, context, retryCount, nullptr, "Workflow not found: " + flowID,
                       &error);
         return;
     }
-    const FlowDefinition& workflow = document.flow;
-    const auto& supported = GenericScriptWorkflowService::supportedStepTypes();
-    if (std::any_of(workflow.steps.begin(), workflow.steps.end(),
+    launchRun(flowID, std::move(workflow), context, retryCount);
+}
+
+void RunCoordinator::start(LoadedWorkflow workflow, RunContext context,
+                           EventHandler eventHandler) {
+    const std::string flowID = workflow.reference.flowID;
+    const auto retryCount = beginStart(flowID, std::move(eventHandler));
+    launchRun(flowID, std::make_shared<const LoadedWorkflow>(std::move(workflow)), context,
+              retryCount);
+}
+
+// Takes the handler and stops whatever the flow was doing; returns the retry count of
+// the new run.
+std::int64_t RunCoordinator::beginStart(const std::string& flowID, EventHandler eventHandler) {
+    FlowSlot& slot = flows_[flowID];
+    slot.eventHandler = std::move(eventHandler);
+    std::int64_t retryCount = 0;
+    if (slot.session && slot.session->stage == RunStage::failed && slot.session->isRetryable) {
+        retryCount = slot.session->retryCount + 1;
+    }
+    stopTask(flowID);
+    return retryCount;
+}
+
+void RunCoordinator::launchRun(const std::string& flowID,
+                               std::shared_ptr<const LoadedWorkflow> workflow,
+                               const RunContext& context, std::int64_t retryCount) {
+    const FlowDefinition& flow = workflow->flow();
+    const auto& supported = service_->supportedStepTypes();
+    if (std::any_of(flow.steps.begin(), flow.steps.end(),
                     [&](const FlowStep& step) { return !supported.contains(step.type); })) {
-        failBeforeRun(flowID, context, retryCount, &workflow, unsupportedWorkflowMessage, nullptr);
+        failBeforeRun(flowID, context, retryCount, &flow, unsupportedWorkflowMessage, nullptr);
         return;
     }
 
     auto session = RunSessionBuilder::makeGenericScriptRunningSession(
-        workflow, context.totalMinutesSaved, context.trigger);
+        flow, context.totalMinutesSaved, context.trigger);
     session.retryCount = retryCount;
     if (retryCount >= 1 && session.stage == RunStage::running) {
         session.subtitle = "Retrying \u00b7 " + withoutRunning(session.subtitle);
@@ -110,142 +129,124 @@ void RunCoordinator::start(const std::string& flowID, RunContext context,
     storeAndEmit(flowID, session);
 
     const std::uint64_t taskID = nextTaskID_++;
-    auto request = makeRequest(flowID, taskID, context);
-    const auto total = context.totalMinutesSaved;
-    const auto trigger = context.trigger;
-    const bool gated =
-        std::any_of(workflow.steps.begin(), workflow.steps.end(),
-                    [](const FlowStep& step) { return step.type == "batch-approval"; });
-    if (gated) {
-        launchRunTask(flowID, taskID,
-                      [service = service_, request, flowID, trigger,
-                       total](const std::stop_token& stop) mutable -> Completion {
-                          request.stopToken = stop;
-                          auto prepared = std::make_shared<const PreparedApprovalWorkflowRun>(
-                              prepareApprovalRun(*service, flowID, request, trigger));
-                          return [flowID, prepared, total](RunCoordinator& self) {
-                              // No audit row at the gate: the run isn't over.
-                              self.preparedApprovalRuns_[flowID] = *prepared;
-                              self.storeAndEmit(
-                                  flowID,
-                                  RunSessionBuilder::makeApprovalWaitingSession(*prepared, total));
-                          };
-                      });
-        return;
-    }
-    const auto minutes = minutesSavedPerRun(workflow);
+    const bool gated = std::any_of(flow.steps.begin(), flow.steps.end(), [](const FlowStep& step) {
+        return step.type == stepType::batchApproval;
+    });
+    const auto body = gated ? &RunCoordinator::runToGate : &RunCoordinator::runToEnd;
     launchRunTask(flowID, taskID,
-                  [service = service_, audit = auditStore_, request, flowID, trigger, total,
-                   minutes](const std::stop_token& stop) mutable -> Completion {
-                      request.stopToken = stop;
-                      const auto result = service->run(flowID, request);
-                      const auto run = successAuditRun(result, minutes, trigger);
-                      // A row that can't be written fails the run, though its steps went through.
-                      audit->append(run);
-                      return [flowID, result, run, total, minutes, trigger](RunCoordinator& self) {
-                          self.emit(flowID, RunEvent::auditRunRecorded(run));
-                          self.storeAndEmit(flowID,
-                                            RunSessionBuilder::makeGenericScriptCompletedSession(
-                                                result, total, minutes, trigger));
-                      };
+                  [body, job = makeJob(flowID, taskID, context), workflow](std::stop_token stop) {
+                      return body(job, *workflow, std::move(stop));
                   });
 }
 
+void RunCoordinator::completeRun(const std::string& flowID,
+                                 const GenericScriptWorkflowRunResult& result, const AuditRun& run,
+                                 std::int64_t total, std::int64_t minutes,
+                                 const std::string& trigger) {
+    emit(flowID, RunEvent::auditRunRecorded(run));
+    storeAndEmit(flowID, RunSessionBuilder::makeGenericScriptCompletedSession(result, total,
+                                                                              minutes, trigger));
+}
+
+void RunCoordinator::parkAtGate(const std::string& flowID,
+                                const PreparedApprovalWorkflowRun& prepared, std::int64_t total) {
+    flows_[flowID].parkedRun = prepared;
+    storeAndEmit(flowID, RunSessionBuilder::makeApprovalWaitingSession(prepared, total));
+    emit(flowID, RunEvent::waitingAtGate());
+}
+
+void RunCoordinator::completeFiling(const std::string& flowID,
+                                    const FinalizedWorkflowRun& finalized, std::int64_t total) {
+    emit(flowID, RunEvent::auditRunRecorded(finalized.auditRun));
+    FlowSlot& slot = flows_[flowID];
+    if (slot.parkedRun) {
+        removeStagingDirectory(*slot.parkedRun);
+        slot.parkedRun.reset();
+    }
+    storeAndEmit(flowID, RunSessionBuilder::makeCompletedSession(finalized, total));
+}
+
 void RunCoordinator::advance(const std::string& flowID, const RunContext& context) {
-    const auto prepared = preparedApprovalRuns_.find(flowID);
-    const auto session = sessions_.find(flowID);
-    if (prepared == preparedApprovalRuns_.end() || session == sessions_.end()) {
+    const auto found = flows_.find(flowID);
+    if (found == flows_.end() || !found->second.parkedRun || !found->second.session) {
         return;
     }
+    const FlowSlot& slot = found->second;
     const auto total = context.totalMinutesSaved;
-    if (session->second.stage == RunStage::running) {
-        storeAndEmit(flowID, RunSessionBuilder::makeApprovalSession(prepared->second, total));
+    if (slot.session->stage == RunStage::running) {
+        storeAndEmit(flowID, RunSessionBuilder::makeApprovalSession(*slot.parkedRun, total));
         return;
     }
-    if (session->second.stage != RunStage::approval) {
+    if (slot.session->stage != RunStage::approval) {
         return;
     }
     // The rows as the run proposed them: edits made in a front end's copy of the session
     // never reach the coordinator.
     std::vector<ApprovalProposal> approved;
-    for (const auto& item : session->second.approvalItems) {
+    for (const auto& item : slot.session->approvalItems) {
         if (item.isSelected) {
             approved.push_back(item);
         }
     }
-    auto parked = std::make_shared<const PreparedApprovalWorkflowRun>(prepared->second);
+    auto parked = std::make_shared<const PreparedApprovalWorkflowRun>(*slot.parkedRun);
     storeAndEmit(flowID, RunSessionBuilder::makeFilingSession(*parked, total));
 
     const std::uint64_t taskID = nextTaskID_++;
-    launchRunTask(
-        flowID, taskID,
-        [service = service_, audit = auditStore_, request = makeRequest(flowID, taskID, context),
-         parked, approved, flowID, total](const std::stop_token& stop) mutable -> Completion {
-            request.stopToken = stop;
-            auto finalized = finalizeApprovedRun(*service, *parked, approved, request);
-            audit->append(finalized.auditRun);
-            return [flowID, finalized, parked, total](RunCoordinator& self) {
-                self.emit(flowID, RunEvent::auditRunRecorded(finalized.auditRun));
-                removeStagingDirectory(*parked);
-                self.preparedApprovalRuns_.erase(flowID);
-                self.storeAndEmit(flowID,
-                                  RunSessionBuilder::makeCompletedSession(finalized, total));
-            };
-        });
+    launchRunTask(flowID, taskID,
+                  [job = makeJob(flowID, taskID, context), parked, approved](std::stop_token stop) {
+                      return fileApproved(job, parked, approved, std::move(stop));
+                  });
 }
 
 void RunCoordinator::rejectAllApprovalItems(const std::string& flowID, const RunContext& context) {
-    const auto prepared = preparedApprovalRuns_.find(flowID);
-    const auto session = sessions_.find(flowID);
-    if (prepared == preparedApprovalRuns_.end() || session == sessions_.end()) {
+    const auto found = flows_.find(flowID);
+    if (found == flows_.end() || !found->second.parkedRun || !found->second.session) {
         cancel(flowID);
         return;
     }
+    FlowSlot& slot = found->second;
     // Filing work still under way would otherwise complete the run a second time.
     stopTask(flowID);
-    auto rejected = session->second.approvalItems;
+    auto rejected = slot.session->approvalItems;
     for (auto& item : rejected) {
         item.isSelected = false;
     }
-    const auto run =
-        rejectionAuditRun(prepared->second, rejected, std::chrono::system_clock::now());
+    const auto run = rejectionAuditRun(*slot.parkedRun, rejected, std::chrono::system_clock::now());
     try {
         auditStore_->append(run);
     } catch (const std::exception& error) {
         // The parked run stays, so the user may try again.
-        auto failed = failedSession(session->second, error.what(), true);
+        auto failed = failedSession(*slot.session, error.what(), true);
         storeAndEmit(flowID, failed);
         emit(flowID, RunEvent::failed(std::move(failed)));
         return;
     }
     emit(flowID, RunEvent::auditRunRecorded(run));
-    const FinalizedWorkflowRun finalized{run, prepared->second.outputFolder, {}};
-    removeStagingDirectory(prepared->second);
-    preparedApprovalRuns_.erase(prepared);
+    const FinalizedWorkflowRun finalized{run, slot.parkedRun->outputFolder, {}};
+    removeStagingDirectory(*slot.parkedRun);
+    slot.parkedRun.reset();
     storeAndEmit(flowID,
                  RunSessionBuilder::makeCompletedSession(finalized, context.totalMinutesSaved));
 }
 
 void RunCoordinator::cancel(const std::string& flowID) {
     stopTask(flowID);
-    if (const auto prepared = preparedApprovalRuns_.find(flowID);
-        prepared != preparedApprovalRuns_.end()) {
-        removeStagingDirectory(prepared->second);
-        preparedApprovalRuns_.erase(prepared);
+    if (const auto found = flows_.find(flowID); found != flows_.end() && found->second.parkedRun) {
+        removeStagingDirectory(*found->second.parkedRun);
     }
-    sessions_.erase(flowID);
     emit(flowID, RunEvent::cancelled());
     // Only now, so the handler still hears the cancel.
-    eventHandlers_.erase(flowID);
+    flows_.erase(flowID);
 }
 
 std::optional<FlowRunSession> RunCoordinator::session(const std::string& flowID) const {
-    const auto found = sessions_.find(flowID);
-    return found == sessions_.end() ? std::nullopt : std::optional(found->second);
+    const auto found = flows_.find(flowID);
+    return found == flows_.end() ? std::nullopt : found->second.session;
 }
 
 bool RunCoordinator::isRunning(const std::string& flowID) const {
-    return runTasks_.contains(flowID);
+    const auto found = flows_.find(flowID);
+    return found != flows_.end() && found->second.taskID.has_value();
 }
 
 void RunCoordinator::failBeforeRun(const std::string& flowID, const RunContext& context,
@@ -260,90 +261,13 @@ void RunCoordinator::failBeforeRun(const std::string& flowID, const RunContext& 
     emit(flowID, RunEvent::failed(session));
 }
 
-WorkflowRunRequest RunCoordinator::makeRequest(const std::string& flowID, std::uint64_t taskID,
-                                               const RunContext& context) {
-    WorkflowRunRequest request;
-    request.settings = context.appSettings;
-    request.clientProfile = context.clientProfile;
-    request.environmentOverrides = context.environmentOverrides;
-    // The driver calls this on the main thread.
-    request.progress = [this, alive = std::weak_ptr<int>(alive_), flowID,
-                        taskID](const GenericScriptWorkflowProgress& progress) {
-        if (alive.lock()) {
-            handleProgress(flowID, taskID, progress);
-        }
-    };
-    return request;
-}
-
-void RunCoordinator::launchRunTask(const std::string& flowID, std::uint64_t taskID,
-                                   Operation operation) {
-    stopTask(flowID);
-    runTasks_[flowID] = taskID;
-    workers_.emplace(
-        taskID,
-        std::jthread([this, alive = std::weak_ptr<int>(alive_), &executor = mainExecutor_, flowID,
-                      taskID, operation = std::move(operation)](std::stop_token stop) {
-            Completion completion;
-            std::exception_ptr error;
-            try {
-                completion = operation(stop);
-            } catch (...) {
-                error = std::current_exception();
-            }
-            // The worker touches no coordinator state: its outcome goes back as a task.
-            executor.post([this, alive, flowID, taskID, completion = std::move(completion), error] {
-                if (alive.lock()) {
-                    finishRunTask(flowID, taskID, completion, error);
-                }
-            });
-        }));
-}
-
-void RunCoordinator::finishRunTask(const std::string& flowID, std::uint64_t taskID,
-                                   const Completion& completion, std::exception_ptr error) {
-    if (const auto worker = workers_.find(taskID); worker != workers_.end()) {
-        // Posting this task was the worker's last act, so the join ends at once.
-        worker->second.join();
-        workers_.erase(worker);
-    }
-    const auto tracked = runTasks_.find(flowID);
-    if (tracked == runTasks_.end() || tracked->second != taskID) {
-        return; // cancelled or replaced: its outcome no longer matters
-    }
-    runTasks_.erase(tracked);
-    try {
-        if (error) {
-            std::rethrow_exception(error);
-        }
-        completion(*this);
-    } catch (const CancellationError&) {
-        // Stopped by the run itself noticing a stop; nothing to show or record.
-    } catch (const std::exception& failure) {
-        failRunTask(flowID, failure);
-    } catch (...) {
-        failRunTask(flowID, Error("The run failed with an unknown error."));
-    }
-}
-
-void RunCoordinator::handleProgress(const std::string& flowID, std::uint64_t taskID,
-                                    const GenericScriptWorkflowProgress& progress) {
-    const auto tracked = runTasks_.find(flowID);
-    const auto session = sessions_.find(flowID);
-    if (tracked == runTasks_.end() || tracked->second != taskID || session == sessions_.end() ||
-        session->second.stage != RunStage::running) {
-        return;
-    }
-    storeAndEmit(flowID, RunSessionBuilder::applyGenericScriptProgress(session->second, progress));
-}
-
 void RunCoordinator::failRunTask(const std::string& flowID, const std::exception& error) {
-    runTasks_.erase(flowID);
+    FlowSlot& slot = flows_[flowID];
+    slot.taskID.reset();
     const std::string message = error.what();
-    const auto found = sessions_.find(flowID);
     // The steps stay as they stood when the run failed.
-    auto session = found != sessions_.end() ? found->second
-                                            : bootstrapFailedSession(flowID, flowID, "Manual", 0);
+    auto session = slot.session ? *slot.session
+                                : bootstrapFailedSession(flowID, flowID, "Manual", 0);
     session = failedSession(std::move(session), message, true);
     storeAndEmit(flowID, session);
     recordFailureAuditRun(flowID, session, nullptr, message, &error);
@@ -366,34 +290,22 @@ void RunCoordinator::recordFailureAuditRun(const std::string& flowID, const Flow
 }
 
 void RunCoordinator::storeAndEmit(const std::string& flowID, FlowRunSession session) {
-    sessions_[flowID] = session;
+    flows_[flowID].session = session;
     emit(flowID, RunEvent::sessionUpdated(std::move(session)));
 }
 
 void RunCoordinator::emit(const std::string& flowID, RunEvent event) {
-    const auto handler = eventHandlers_.find(flowID);
-    if (handler == eventHandlers_.end()) {
+    const auto found = flows_.find(flowID);
+    if (found == flows_.end() || !found->second.eventHandler) {
         return;
     }
     // Posted rather than called, so a handler may call back into the coordinator.
-    mainExecutor_.post(
-        [alive = std::weak_ptr<int>(alive_), handler = handler->second, event = std::move(event)] {
-            if (alive.lock()) {
-                handler(event);
-            }
-        });
-}
-
-void RunCoordinator::stopTask(const std::string& flowID) {
-    const auto tracked = runTasks_.find(flowID);
-    if (tracked == runTasks_.end()) {
-        return;
-    }
-    // Nothing waits here: the worker reaps itself through finishRunTask.
-    if (const auto worker = workers_.find(tracked->second); worker != workers_.end()) {
-        worker->second.request_stop();
-    }
-    runTasks_.erase(tracked);
+    mainExecutor_.post([alive = std::weak_ptr<int>(alive_), handler = found->second.eventHandler,
+                        event = std::move(event)] {
+        if (alive.lock()) {
+            handler(event);
+        }
+    });
 }
 
 } // namespace quorlin

@@ -1,5 +1,6 @@
 #include "RunSessionBuilder.h"
 
+#include "core/execution/RunResults.h"
 #include "core/foundation/Text.h"
 
 #include <chrono>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/execution/ApprovalRun.h"
 #include "core/execution/RunSession.h"
 
 #include <cstdint>

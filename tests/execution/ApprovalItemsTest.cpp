@@ -279,9 +279,9 @@ protected:
     };
     GenericWorkflowApprovalCheckpoint checkpoint = [this] {
         GenericWorkflowApprovalCheckpoint made;
-        made.stepOutputs["a-broken"] = {{"pdf_manifest", value(R"([{"date": "x"}])")},
+        made.log.stepOutputs["a-broken"] = {{"pdf_manifest", value(R"([{"date": "x"}])")},
                                         {"preview_paths", value(R"({"1": 5})")}};
-        made.stepOutputs["b-list"] = {
+        made.log.stepOutputs["b-list"] = {
             {"manifest", manifestValue(manifest)},
             {"preview_paths", value(R"({"1": "/p/1.pdf", "2": "/p/2.pdf", "3": "/p/3.png"})")}};
         return made;
@@ -346,7 +346,7 @@ TEST_F(ApprovalItemsTest, RowsBeyondTheManifestMatchByFields) {
 }
 
 TEST_F(ApprovalItemsTest, WithoutManifestOrTable) {
-    checkpoint.stepOutputs.clear();
+    checkpoint.log.stepOutputs.clear();
     const auto proposals = items(R"([{}, {}, {"sender": "Acme"}])");
     ASSERT_EQ(proposals.size(), 3U);
     EXPECT_EQ(proposals[2].originalName, "item-3");

@@ -1,6 +1,7 @@
 #include "core/execution/GenericScriptWorkflowService.h"
 
 #include "core/execution/DefaultScriptRunner.h"
+#include "core/execution/ScriptEnvironment.h"
 #include "core/foundation/Cancellation.h"
 #include "core/foundation/ManualExecutor.h"
 #include "tests/support/WorkflowFixture.h"
@@ -58,6 +59,11 @@ protected:
         };
     }
 
+    // The workflow as the coordinator hands it over: read and checked once.
+    LoadedWorkflow loaded(const std::string& flowID) const {
+        return WorkflowLoader(fixture.locator()).loadRunnableWorkflow(flowID);
+    }
+
     void writeFlow(const std::string& steps) {
         fixture.writeBundleFile("demo", "flow.yaml", flowYaml(steps));
     }
@@ -77,7 +83,7 @@ protected:
 
     GenericScriptWorkflowFailure runExpectingFailure() {
         try {
-            onWorker([&] { return service.run("demo", request); });
+            onWorker([&] { return service.run(loaded("demo"), request); });
         } catch (const GenericScriptWorkflowFailure& failure) {
             return failure;
         }
@@ -93,7 +99,7 @@ protected:
 
 TEST_F(GenericScriptWorkflowServiceTest, RunsScriptStepsInOrderAndPassesEarlierOutputs) {
     writeFlow(scriptStep("first", "print_json.py") + scriptStep("second", "print_json.py"));
-    const auto result = onWorker([&] { return service.run("demo", request); });
+    const auto result = onWorker([&] { return service.run(loaded("demo"), request); });
 
     EXPECT_EQ(result.flowID, "demo");
     EXPECT_EQ(result.flowName, "Demo Flow");
@@ -123,13 +129,13 @@ TEST_F(GenericScriptWorkflowServiceTest, RunsScriptStepsInOrderAndPassesEarlierO
 
 TEST_F(GenericScriptWorkflowServiceTest, SingleJsonStepGivesItsMessageAsSummary) {
     writeFlow(scriptStep("only", "print_json.py"));
-    EXPECT_EQ(onWorker([&] { return service.run("demo", request); }).outputSummary, "hi from only");
+    EXPECT_EQ(onWorker([&] { return service.run(loaded("demo"), request); }).outputSummary, "hi from only");
 }
 
 TEST_F(GenericScriptWorkflowServiceTest, PlainTextAndBlankOutputs) {
     writeFlow(scriptStep("words", "plain_text.py") + scriptStep("blank", "blank.py") +
               scriptStep("reader", "print_json.py"));
-    const auto result = onWorker([&] { return service.run("demo", request); });
+    const auto result = onWorker([&] { return service.run(loaded("demo"), request); });
     EXPECT_EQ(result.stdoutText,
               "just words\n"
               R"({"seen": ["blank", "words"], "step": "reader", "message": "hi from reader"})");
@@ -140,7 +146,7 @@ TEST_F(GenericScriptWorkflowServiceTest, PlainTextAndBlankOutputs) {
 
 TEST_F(GenericScriptWorkflowServiceTest, EmptyWorkflowFinishesAtOnceWithAStagingFolder) {
     writeFlow("");
-    const auto result = onWorker([&] { return service.run("demo", request); });
+    const auto result = onWorker([&] { return service.run(loaded("demo"), request); });
     EXPECT_EQ(result.stdoutText, "");
     EXPECT_EQ(result.outputSummary, "Run complete");
     EXPECT_TRUE(result.stepTimings.empty());
@@ -197,16 +203,16 @@ TEST_F(GenericScriptWorkflowServiceTest, StepProblemsFailThroughTheFailurePath) 
 
 TEST_F(GenericScriptWorkflowServiceTest, ErrorsBeforeAnyStepCarryNoRecords) {
     writeFlow(scriptStep("first", "print_json.py") + typedStep("odd", "teleport"));
-    EXPECT_THROW(onWorker([&] { return service.run("demo", request); }), ExecutionEngineError);
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }), ExecutionEngineError);
     EXPECT_EQ(progress.size(), 2u); // the first step ran
 
-    EXPECT_THROW(onWorker([&] { return service.run("nope", request); }), WorkflowLoaderError);
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("nope"), request); }), WorkflowLoaderError);
 
     std::stop_source stop;
     stop.request_stop();
     request.stopToken = stop.get_token();
     writeFlow(scriptStep("first", "print_json.py"));
-    EXPECT_THROW(onWorker([&] { return service.run("demo", request); }), CancellationError);
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }), CancellationError);
 }
 
 TEST_F(GenericScriptWorkflowServiceTest, RunUntilApprovalStopsAtTheGateAndResumes) {
@@ -214,12 +220,12 @@ TEST_F(GenericScriptWorkflowServiceTest, RunUntilApprovalStopsAtTheGateAndResume
               "    - id: review\n      name: Review\n      type: batch-approval\n"
               "      inputs:\n        table: '{{ steps.collect.proposals }}'\n" +
               scriptStep("file", "print_json.py"));
-    const auto checkpoint = onWorker([&] { return service.runUntilApproval("demo", request); });
+    const auto checkpoint = onWorker([&] { return service.runUntilApproval(loaded("demo"), request); });
     EXPECT_EQ(checkpoint.approvalStepID, "review");
-    EXPECT_THAT(checkpoint.stdoutParts, ElementsAre(HasSubstr("hi from collect")));
-    EXPECT_EQ(checkpoint.stepTimings.size(), 1u);
+    EXPECT_THAT(checkpoint.log.stdoutParts, ElementsAre(HasSubstr("hi from collect")));
+    EXPECT_EQ(checkpoint.log.stepTimings.size(), 1u);
     EXPECT_EQ(progress.size(), 2u); // nothing for the gate
-    EXPECT_TRUE(std::filesystem::is_directory(checkpoint.stagingDirectory));
+    EXPECT_TRUE(std::filesystem::is_directory(checkpoint.log.stagingDirectory));
 
     ApprovalProposal approved;
     approved.id = Uuid::random();
@@ -251,7 +257,7 @@ TEST_F(GenericScriptWorkflowServiceTest, RunUntilApprovalStopsAtTheGateAndResume
 TEST_F(GenericScriptWorkflowServiceTest, RunUntilApprovalWithoutAGateFailsAfterAllSteps) {
     writeFlow(scriptStep("only", "print_json.py"));
     try {
-        onWorker([&] { return service.runUntilApproval("demo", request); });
+        onWorker([&] { return service.runUntilApproval(loaded("demo"), request); });
         FAIL() << "expected approvalRequired";
     } catch (const GenericWorkflowStepError& error) {
         EXPECT_STREQ(error.what(), "Workflow is waiting for human approval: batch-approval");
@@ -262,7 +268,7 @@ TEST_F(GenericScriptWorkflowServiceTest, RunUntilApprovalWithoutAGateFailsAfterA
 TEST_F(GenericScriptWorkflowServiceTest, RepeatedStepIdsOverwriteMapsButKeepBothRecords) {
     writeFlow(scriptStep("same", "plain_text.py") + scriptStep("same", "print_json.py") +
               scriptStep("after", "print_json.py"));
-    const auto result = onWorker([&] { return service.run("demo", request); });
+    const auto result = onWorker([&] { return service.run(loaded("demo"), request); });
     EXPECT_EQ(result.stepRecords.size(), 3u);
     const auto input = nlohmann::json::parse(*result.stepRecords[2].inputJSON);
     EXPECT_THAT(input["previous_outputs"]["same"].get<std::string>(), HasSubstr("hi from same"));
@@ -292,7 +298,7 @@ TEST_F(ScriptBlockTest, ReceivesTheEnvelopeAndPassesItsOutputsOn) {
                "print(json.dumps({'outputs': {'summary': env['inputs']['title'] + ' by ' + ctx['block_id'] + "
                "'@' + ctx['block_version'] + ' after ' + ','.join(ctx['previous_outputs'])}, "
                "'audit': {'rows': 1}}))\n");
-    const auto result = onWorker([&] { return service.run("demo", request); });
+    const auto result = onWorker([&] { return service.run(loaded("demo"), request); });
     EXPECT_EQ(result.outputSummary, result.stdoutText);
     EXPECT_THAT(result.stdoutText, HasSubstr(R"({"summary":"Monthly by report@1.0.0 after first"})"));
     const auto envelope = nlohmann::json::parse(*result.stepRecords[1].inputJSON);
@@ -326,8 +332,14 @@ TEST_F(GenericScriptWorkflowServiceTest, BlockProblemsStopTheRunBeforeTheFirstSt
     writeFlow(scriptStep("first", "print_json.py") +
               "    - id: search\n      name: Search\n      block: gmail.search-messages@0.1.0\n"
               "      type: script-run\n");
-    EXPECT_THROW(onWorker([&] { return service.run("demo", request); }), WorkflowBlockValidationError);
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }), WorkflowBlockValidationError);
     EXPECT_TRUE(progress.empty());
+}
+
+FlowDefinition demoFlow() {
+    FlowDefinition flow;
+    flow.id = "demo";
+    return flow;
 }
 
 TEST_F(GenericScriptWorkflowServiceTest, RuntimeEnvironmentLayersSettingsRoutesPathsAndOverrides) {
@@ -337,7 +349,7 @@ TEST_F(GenericScriptWorkflowServiceTest, RuntimeEnvironmentLayersSettingsRoutesP
     const EnvironmentOverrides overrides{{"QUORLIN_FOLDER_INBOX", "/tmp/in"}, {"  ", "dropped"}, {"LLM_PROVIDER", "mine"}};
     FlowStep step;
     step.id = "summarize";
-    const auto python = service.runtimeEnvironment("demo", step, ScriptRuntime::python, settings, {}, overrides);
+    const auto python = scriptEnvironment(fixture.paths(), demoFlow(), step, ScriptRuntime::python, settings, {}, overrides);
     EXPECT_EQ(python, (std::map<std::string, std::string>{
                           {"ANTHROPIC_API_KEY", "sk-test"},
                           {"ANTHROPIC_MODEL", "claude-3-7-sonnet-20250219"},
@@ -348,7 +360,7 @@ TEST_F(GenericScriptWorkflowServiceTest, RuntimeEnvironmentLayersSettingsRoutesP
     ClientProfileDocument profile;
     profile.clientProfile.llmRouting =
         profile.clientProfile.llmRouting.settingStepProvider("demo", "summarize", " ollama: qwen2.5:7b ");
-    const auto node = service.runtimeEnvironment("demo", step, ScriptRuntime::node, {}, profile, {});
+    const auto node = scriptEnvironment(fixture.paths(), demoFlow(), step, ScriptRuntime::node, {}, profile, {});
     EXPECT_EQ(node.at("NODE_PATH"), (fixture.paths().root() / "script-dependencies/node/demo/node_modules").string());
     EXPECT_EQ(node.at("OLLAMA_BASE_URL"), "http://localhost:11434");
     EXPECT_EQ(node.at("LLM_PROVIDER"), "ollama");

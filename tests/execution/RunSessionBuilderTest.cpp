@@ -1,4 +1,5 @@
 #include "core/execution/RunSessionBuilder.h"
+#include "core/execution/RunResults.h"
 
 #include "core/definitions/DecodingError.h"
 

@@ -1,14 +1,13 @@
-#include "RunSession.h"
+#include "ApprovalRun.h"
 
-#include "core/definitions/DecodingError.h"
 #include "core/definitions/WorkflowLoader.h"
 #include "core/definitions/WorkflowValueCoding.h"
 #include "core/execution/ApprovalItems.h"
 #include "core/execution/ContextSteps.h"
-#include "core/foundation/Json.h"
+#include "core/execution/RunResults.h"
+#include "core/foundation/Uuid.h"
 
 #include <algorithm>
-#include <sstream>
 
 namespace quorlin {
 
@@ -38,59 +37,13 @@ double firstLLMCost(const StepOutputs& stepOutputs) {
     return 0;
 }
 
-std::vector<std::string> nonEmptyLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        if (!line.empty()) {
-            lines.push_back(line);
-        }
-    }
-    return lines;
-}
-
 } // namespace
 
-std::int64_t minutesSavedPerRun(const FlowDefinition& workflow) {
-    if (!workflow.roi) {
-        return 0;
-    }
-    return workflow.roi->replacesManualMinutesPerRun.value_or(0);
-}
-
-std::vector<std::string> finalFiles(const GenericScriptWorkflowRunResult& result) {
-    const auto lines = nonEmptyLines(result.stdoutText);
-    for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
-        const auto json = parseJsonOrDiscarded(*line);
-        if (!json.is_object() || !json.contains("final_files")) {
-            continue;
-        }
-        const auto& files = json.at("final_files");
-        std::vector<std::string> paths;
-        if (files.is_array()) {
-            for (const auto& file : files) {
-                if (!file.is_string()) {
-                    paths.clear();
-                    break;
-                }
-                paths.push_back(file.get<std::string>());
-            }
-            if (paths.size() == files.size()) {
-                return paths;
-            }
-        }
-        // The last line that names its files decides; earlier lines are not consulted.
-        throw DecodingError(DecodingError::Kind::typeMismatch, "final_files", "an array of strings",
-                            compactJson(files));
-    }
-    return {};
-}
-
 PreparedApprovalWorkflowRun prepareApprovalRun(GenericScriptWorkflowRunning& service,
-                                               const std::string& flowID,
+                                               const LoadedWorkflow& workflow,
                                                const WorkflowRunRequest& request,
                                                const std::string& trigger) {
-    auto checkpoint = service.runUntilApproval(flowID, request);
+    auto checkpoint = service.runUntilApproval(workflow, request);
     const auto& steps = checkpoint.workflow.steps;
     const auto gate = std::find_if(steps.begin(), steps.end(), [&](const FlowStep& step) {
         return step.id == checkpoint.approvalStepID;
@@ -104,13 +57,13 @@ PreparedApprovalWorkflowRun prepareApprovalRun(GenericScriptWorkflowRunning& ser
     prepared.workflow = checkpoint.workflow;
     prepared.approvalStepID = checkpoint.approvalStepID;
     prepared.approvalStepIndex = static_cast<std::size_t>(gate - steps.begin());
-    prepared.startedAt = checkpoint.startedAt;
+    prepared.startedAt = checkpoint.log.startedAt;
     prepared.trigger = trigger;
     prepared.approvalItems = approvalItems(checkpoint);
-    prepared.llmCostUSD = firstLLMCost(checkpoint.stepOutputs);
-    prepared.stepTimings = checkpoint.stepTimings;
-    prepared.stepRecords = checkpoint.stepRecords;
-    prepared.outputFolder = outputFolder(checkpoint.stepOutputs);
+    prepared.llmCostUSD = firstLLMCost(checkpoint.log.stepOutputs);
+    prepared.stepTimings = checkpoint.log.stepTimings;
+    prepared.stepRecords = checkpoint.log.stepRecords;
+    prepared.outputFolder = outputFolder(checkpoint.log.stepOutputs);
     prepared.clientProfile = request.clientProfile;
     prepared.checkpoint = std::move(checkpoint);
     return prepared;

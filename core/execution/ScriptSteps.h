@@ -1,0 +1,46 @@
+#pragma once
+
+#include "core/definitions/AppSupportPaths.h"
+#include "core/execution/ScriptRunner.h"
+#include "core/execution/StepHandler.h"
+
+#include <memory>
+
+namespace quorlin {
+
+// Runs one of a workflow's scripts for a step: with the step's environment, in the
+// workflow's dependency folder for the runtime, under the run's stop.
+class WorkflowScriptLauncher {
+public:
+    WorkflowScriptLauncher(std::shared_ptr<ScriptRunner> runner, AppSupportPaths paths);
+
+    ScriptResult launch(const StepContext& context, ScriptSpec spec, std::string input) const;
+
+private:
+    std::shared_ptr<ScriptRunner> runner_;
+    AppSupportPaths paths_;
+};
+
+// "script-run" with no script block: the script reads the run's previous outputs on stdin
+// and may print anything; a JSON object printed becomes its outputs.
+class PlainScriptStepHandler final : public StepHandler {
+public:
+    explicit PlainScriptStepHandler(WorkflowScriptLauncher launcher);
+    GenericScriptStepRunResult run(const StepContext& context) const override;
+
+private:
+    WorkflowScriptLauncher launcher_;
+};
+
+// A step bound to a block that runs a script: the script reads the input envelope and
+// must print an output envelope whose outputs the block declares.
+class ScriptBlockStepHandler final : public StepHandler {
+public:
+    explicit ScriptBlockStepHandler(WorkflowScriptLauncher launcher);
+    GenericScriptStepRunResult run(const StepContext& context) const override;
+
+private:
+    WorkflowScriptLauncher launcher_;
+};
+
+} // namespace quorlin

@@ -1,0 +1,30 @@
+#include "StandardStepHandlers.h"
+
+#include "core/definitions/StepTypes.h"
+#include "core/execution/NativeStepHandlers.h"
+#include "core/execution/ScriptSteps.h"
+
+namespace quorlin {
+
+StepHandlerRegistry standardStepHandlers(const StepServices& services) {
+    using Folder = FolderStepHandler::Kind;
+    const WorkflowScriptLauncher scripts(services.scriptRunner, services.paths);
+    const auto context = std::make_shared<ContextStepHandler>();
+
+    StepHandlerRegistry registry;
+    registry.setScriptBlockHandler(std::make_shared<ScriptBlockStepHandler>(scripts));
+    registry.add(stepType::scriptRun, std::make_shared<PlainScriptStepHandler>(scripts));
+    registry.add(stepType::filesystemInputFile,
+                 std::make_shared<FolderStepHandler>(Folder::inputFile, services.paths));
+    registry.add(stepType::filesystemInputFolder,
+                 std::make_shared<FolderStepHandler>(Folder::inputFolder, services.paths));
+    registry.add(stepType::filesystemOutputFolder,
+                 std::make_shared<FolderStepHandler>(Folder::outputFolder, services.paths));
+    registry.add(stepType::contextPrepare, context);
+    registry.add(stepType::contextLoad, context);
+    registry.add(stepType::batchApproval, std::make_shared<ApprovalGateStepHandler>());
+    registry.add(stepType::nativeFileWrite, std::make_shared<FileWriteStepHandler>());
+    return registry;
+}
+
+} // namespace quorlin
