@@ -3,8 +3,12 @@ option(QUORLIN_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" ON)
 add_library(quorlin_warnings INTERFACE)
 target_compile_options(quorlin_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
-    -Woverloaded-virtual -Wimplicit-fallthrough
+    -Woverloaded-virtual -Wimplicit-fallthrough -Wformat=2 -Wnull-dereference
     $<$<BOOL:${QUORLIN_WARNINGS_AS_ERRORS}>:-Werror>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(quorlin_warnings INTERFACE
+        -Wduplicated-cond -Wduplicated-branches -Wlogical-op)
+endif()
 
 # GCC 12 at -O2 and above reports -Wrestrict for `"literal" + std::string` inside
 # libstdc++ itself (GCC bug 105329), and -Wmaybe-uninitialized for std::string members of

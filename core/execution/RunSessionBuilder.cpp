@@ -12,17 +12,18 @@ namespace {
 
 constexpr const char* separator = " \u00b7 ";
 
-std::string formatted(const char* format, double value) {
+// value with the given count of decimals, rounded as printf rounds.
+std::string withDecimals(double value, int decimals) {
     char buffer[64];
-    std::snprintf(buffer, sizeof buffer, format, value);
+    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
     return buffer;
 }
 
 std::string cost(double usd) {
-    return formatted("$%.2f", usd);
+    return "$" + withDecimals(usd, 2);
 }
 std::string seconds(double value) {
-    return formatted("%.1f", value) + "s";
+    return withDecimals(value, 1) + "s";
 }
 
 std::string stepTitle(std::size_t index, const std::string& name) {

@@ -7,7 +7,7 @@ namespace quorlin {
 
 namespace {
 
-std::string formatted(SystemTime time, const char* format, bool local) {
+std::tm calendarParts(SystemTime time, bool local) {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
     std::tm parts{};
     if (local) {
@@ -15,9 +15,7 @@ std::string formatted(SystemTime time, const char* format, bool local) {
     } else {
         gmtime_r(&seconds, &parts);
     }
-    char buffer[64];
-    const auto length = std::strftime(buffer, sizeof buffer, format, &parts);
-    return std::string(buffer, length);
+    return parts;
 }
 
 bool readDigits(std::string_view text, std::size_t& offset, std::size_t count, int& value) {
@@ -46,12 +44,17 @@ bool expect(std::string_view text, std::size_t& offset, char character) {
 
 } // namespace
 
+// Each format is written out at its strftime call, so the compiler checks it.
 std::string formatLocalMinute(SystemTime time) {
-    return formatted(time, "%Y-%m-%d %H:%M", true);
+    const std::tm parts = calendarParts(time, true);
+    char buffer[64];
+    return {buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M", &parts)};
 }
 
 std::string formatIso8601(SystemTime time) {
-    return formatted(time, "%Y-%m-%dT%H:%M:%SZ", false);
+    const std::tm parts = calendarParts(time, false);
+    char buffer[64];
+    return {buffer, std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
 std::optional<SystemTime> parseIso8601(std::string_view text) {

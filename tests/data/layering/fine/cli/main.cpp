@@ -1,0 +1,2 @@
+#include "core/execution/RunLog.h"
+#include "cli/Commands.h"

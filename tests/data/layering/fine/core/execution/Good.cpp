@@ -1,0 +1,3 @@
+#include "core/definitions/X.h"
+#include "Local.h"
+#include <vector>

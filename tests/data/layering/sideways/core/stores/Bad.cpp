@@ -1,0 +1,1 @@
+#include "core/services/Client.h"

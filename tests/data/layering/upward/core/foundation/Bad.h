@@ -1,0 +1,1 @@
+#include "core/execution/RunLog.h"
