@@ -23,9 +23,7 @@ constexpr const char* usage =
 enum class Format { table, json, csv };
 
 struct ListOptions {
-    std::optional<std::string> flowID;
-    std::optional<std::string> status;
-    std::optional<std::size_t> limit;
+    AuditRunQuery query;
     Format format = Format::table;
 };
 
@@ -34,13 +32,6 @@ class UsageError : public Error {
 public:
     explicit UsageError(const std::string& problem) : Error(problem) {}
 };
-
-std::string asciiLowercase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) {
-        return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    });
-    return text;
-}
 
 ListOptions parseListOptions(const Arguments& arguments) {
     ListOptions options;
@@ -59,9 +50,9 @@ ListOptions parseListOptions(const Arguments& arguments) {
             options.format = format;
         };
         if (word == "--flow") {
-            options.flowID = value();
+            options.query.flowID = value();
         } else if (word == "--status") {
-            options.status = asciiLowercase(value());
+            options.query.status = value();
         } else if (word == "--limit") {
             const std::string& text = value();
             std::size_t limit = 0;
@@ -70,7 +61,7 @@ ListOptions parseListOptions(const Arguments& arguments) {
             if (error != std::errc() || end != text.data() + text.size() || limit == 0) {
                 throw UsageError("--limit needs a positive whole number, not '" + text + "'");
             }
-            options.limit = limit;
+            options.query.limit = limit;
         } else if (word == "--json") {
             setFormat(Format::json);
         } else if (word == "--csv") {
@@ -80,22 +71,6 @@ ListOptions parseListOptions(const Arguments& arguments) {
         }
     }
     return options;
-}
-
-// Newest first, filtered, at most limit runs.
-std::vector<AuditRun> selectRuns(AuditLogDocument document, const ListOptions& options) {
-    std::vector<AuditRun> runs;
-    for (auto run = document.runs.rbegin(); run != document.runs.rend(); ++run) {
-        if (options.limit && runs.size() == *options.limit) {
-            break;
-        }
-        if ((options.flowID && run->flowID != *options.flowID) ||
-            (options.status && asciiLowercase(run->status) != *options.status)) {
-            continue;
-        }
-        runs.push_back(std::move(*run));
-    }
-    return runs;
 }
 
 std::string oneLine(std::string text) {
@@ -180,19 +155,6 @@ void printCsv(const std::vector<AuditRun>& runs) {
     }
 }
 
-// The runs whose id is the given text or starts with it, letter case aside.
-std::vector<const AuditRun*> runsMatching(const AuditLogDocument& document,
-                                          const std::string& text) {
-    const std::string wanted = asciiLowercase(text);
-    std::vector<const AuditRun*> matches;
-    for (const auto& run : document.runs) {
-        if (startsWith(asciiLowercase(run.id.uppercaseString()), wanted)) {
-            matches.push_back(&run);
-        }
-    }
-    return matches;
-}
-
 // A JSON payload pretty-printed and indented; text that isn't JSON is shown as it is.
 void printPayload(const char* label, const std::optional<std::string>& payload) {
     if (!payload) {
@@ -255,8 +217,8 @@ int showCommand(const Arguments& arguments) {
     if (ids.size() != 1 || ids[0].empty()) {
         throw UsageError("'history show' takes one run id");
     }
-    const auto document = AuditLogStore(AppSupportPaths::fromEnvironment()).load();
-    const auto matches = runsMatching(document, ids[0]);
+    const auto matches =
+        AuditLogStore(AppSupportPaths::fromEnvironment()).runsWithIDPrefix(ids[0]);
     if (matches.empty()) {
         return fail("no run with id '" + ids[0] + "'. Run 'quorlin history' for the list.");
     }
@@ -265,9 +227,9 @@ int showCommand(const Arguments& arguments) {
                     " runs; give more of it.");
     }
     if (json) {
-        std::cout << prettySortedJson(toJson(*matches.front())) << '\n';
+        std::cout << prettySortedJson(toJson(matches.front())) << '\n';
     } else {
-        printRun(*matches.front());
+        printRun(matches.front());
     }
     return 0;
 }
@@ -282,7 +244,7 @@ int historyCommand(const Arguments& arguments) {
         }
         const ListOptions options = parseListOptions(arguments);
         const auto runs =
-            selectRuns(AuditLogStore(AppSupportPaths::fromEnvironment()).load(), options);
+            AuditLogStore(AppSupportPaths::fromEnvironment()).runs(options.query);
         switch (options.format) {
         case Format::json: {
             nlohmann::json list = nlohmann::json::array();
@@ -297,7 +259,7 @@ int historyCommand(const Arguments& arguments) {
             break;
         case Format::table:
             if (runs.empty()) {
-                std::cout << (options.flowID || options.status ? "No runs match.\n"
+                std::cout << (options.query.flowID || options.query.status ? "No runs match.\n"
                                                                : "No runs recorded yet.\n");
             } else {
                 printTable(runs);

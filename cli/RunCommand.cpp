@@ -123,14 +123,6 @@ bool askToFile(std::size_t count) {
     }
 }
 
-std::int64_t totalMinutesSaved(const AuditLogStore& store) {
-    std::int64_t total = 0;
-    for (const auto& run : store.load().runs) {
-        total += run.minutesSaved;
-    }
-    return total;
-}
-
 // Drives one run through the coordinator on this thread's event loop, the way the desktop
 // app does: shows the steps, answers the gate, and ends with the finished session.
 class TerminalRun {
@@ -256,7 +248,7 @@ int runCommand(const Arguments& arguments) {
 
     RunContext context;
     context.clientProfile = ClientProfileStore(paths).loadOrCreateDefault(resources);
-    context.totalMinutesSaved = totalMinutesSaved(*auditStore);
+    context.totalMinutesSaved = auditStore->totals().minutesSaved;
     std::optional<LoadedWorkflow> workflow;
     if (options->choices.inputFile || !options->choices.folders.empty()) {
         workflow = loader.loadRunnableWorkflow(options->flowID);

@@ -1,10 +1,14 @@
 #pragma once
 
+#include "core/stores/AuditDatabase.h"
 #include "core/stores/AuditLogStoreError.h"
 #include "core/stores/AuditRun.h"
+#include "core/stores/AuditRunQuery.h"
 
 #include <filesystem>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace quorlin {
 
@@ -25,9 +29,10 @@ public:
 // number of stores (and processes) may point at the same file. Constructing a store
 // touches nothing on disk; the folder, the file and the tables appear on the first call.
 //
-// The old audit-log.json beside the database is imported once, by load() or append(),
+// The old audit-log.json beside the database is imported once, by any call that reads or
+// appends,
 // into a database that holds no run yet; the file itself is never changed or removed.
-// A legacy file that can't be read or decoded fails both calls with its own error
+// A legacy file that can't be read or decoded fails those calls with its own error
 // (FileError, JsonError, DecodingError) until it is mended or moved away, so no history
 // is dropped silently.
 //
@@ -42,6 +47,17 @@ public:
     // Every run with its steps, in history order: the order runs were last written.
     AuditLogDocument load() const;
 
+    // The runs the query matches, newest first (the reverse of history order), each with
+    // its steps. Only the rows returned are read, so a short list costs the same in a long
+    // history as in a short one.
+    std::vector<AuditRun> runs(const AuditRunQuery& query) const;
+
+    // The runs whose id begins with prefix, letter case aside, in history order.
+    std::vector<AuditRun> runsWithIDPrefix(std::string_view prefix) const;
+
+    // Counts and sums over every run, worked out by the database.
+    AuditTotals totals() const;
+
     // Adds the run at the end of the history, or replaces the run with the same id (its
     // step rows included) and moves it to the end.
     void append(const AuditRun& run) override;
@@ -54,6 +70,9 @@ public:
     const std::filesystem::path& legacyPath() const { return legacyPath_; }
 
 private:
+    // The database made ready and the legacy history imported, for a call that reads.
+    AuditDatabase openForReading() const;
+
     std::filesystem::path databasePath_;
     std::filesystem::path legacyPath_;
 };

@@ -2,6 +2,7 @@
 
 #include "core/execution/DefaultScriptRunner.h"
 #include "core/execution/ScriptEnvironment.h"
+#include "core/execution/StandardStepHandlers.h"
 #include "core/foundation/Cancellation.h"
 #include "core/foundation/ManualExecutor.h"
 #include "tests/support/WorkflowFixture.h"
@@ -334,6 +335,55 @@ TEST_F(GenericScriptWorkflowServiceTest, BlockProblemsStopTheRunBeforeTheFirstSt
               "      type: script-run\n");
     EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }), WorkflowBlockValidationError);
     EXPECT_TRUE(progress.empty());
+}
+
+// A step type added the way every new one is: a handler and one registration.
+class TallyStepHandler final : public StepHandler {
+public:
+    GenericScriptStepRunResult run(const StepContext& context) const override {
+        const auto seen = static_cast<std::int64_t>(context.log.previousOutputs.size());
+        GenericScriptStepRunResult result;
+        result.stdoutText = context.step.id + " saw " + std::to_string(seen);
+        result.previousOutput = result.stdoutText;
+        result.outputs = {{"seen", WorkflowValue(seen)},
+                          {"staged", WorkflowValue(context.log.stagingDirectory.string())}};
+        result.duration = 0.5;
+        return result;
+    }
+};
+
+TEST_F(GenericScriptWorkflowServiceTest, StepsRunThroughTheHandlersTheRegistryHolds) {
+    const auto runner = std::make_shared<DefaultScriptRunner>(
+        fixture.locator(),
+        [](ScriptRuntime runtime) { return testing::systemInterpreter(rawValue(runtime)); });
+    auto extended = standardStepHandlers({runner, fixture.paths()});
+    extended.add("tally", std::make_shared<TallyStepHandler>());
+    GenericScriptWorkflowService withTally(WorkflowLoader(fixture.locator()), extended,
+                                           fixture.paths(), mainExecutor);
+    EXPECT_TRUE(withTally.supportedStepTypes().contains("tally"));
+    EXPECT_FALSE(service.supportedStepTypes().contains("tally"));
+    EXPECT_TRUE(service.supportedStepTypes().contains("gmail-search"));
+
+    writeFlow(scriptStep("first", "print_json.py") + typedStep("count", "tally"));
+    const auto result = onWorker([&] { return withTally.run(loaded("demo"), request); });
+    EXPECT_THAT(result.stdoutText, HasSubstr("count saw 1"));
+    ASSERT_EQ(result.stepTimings.size(), 2u);
+    EXPECT_EQ(result.stepTimings[1].durationSeconds, 0.5); // the handler's, not a clock's
+    EXPECT_EQ(progress.back().stepID, "count");
+
+    // Unregistered, the type is unknown: the run stops before the step, with no record.
+    progress.clear();
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }),
+                 ExecutionEngineError);
+    EXPECT_EQ(progress.size(), 2u);
+
+    // A known type whose handler this build lacks fails its step, with a record.
+    writeFlow(scriptStep("first", "print_json.py") + typedStep("search", "gmail-search"));
+    const auto failure = runExpectingFailure();
+    EXPECT_STREQ(failure.what(),
+                 "No handler can run steps of type \"gmail-search\" in this version of Quorlin.");
+    ASSERT_EQ(failure.stepRecords.size(), 2u);
+    EXPECT_EQ(failure.stepRecords[1].stepID, "search");
 }
 
 FlowDefinition demoFlow() {

@@ -313,6 +313,24 @@ TEST_F(RunCoordinatorTest, ApprovalRunStopsAtTheGateAndFilesTheProposalsAsMade) 
     EXPECT_EQ(events.size(), before);
 }
 
+TEST_F(RunCoordinatorTest, AParkedRunSaysSoOnceAndAPreloadedWorkflowRunsTheSame) {
+    writeFlow(scriptStep("collect", "collect.py") + gateStep + scriptStep("file", "file.py"));
+    // The front end read the workflow to build its context; the run does not read it again.
+    auto workflow = WorkflowLoader(fixture.locator()).loadRunnableWorkflow("demo");
+    fixture.writeBundleFile("demo", "flow.yaml", "not: a workflow\n");
+    coordinator->start(std::move(workflow), context,
+                       [this](const RunEvent& event) { events.push_back(event); });
+    waitFor([&] { return countOf(Kind::waitingAtGate) == 1; });
+    EXPECT_THAT(lastKinds(2), ElementsAre(Kind::sessionUpdated, Kind::waitingAtGate));
+    EXPECT_FALSE(coordinator->isRunning("demo"));
+    EXPECT_EQ(coordinator->session("demo")->stage, RunStage::running);
+
+    coordinator->advance("demo", context);
+    mainExecutor.drain();
+    EXPECT_EQ(coordinator->session("demo")->stage, RunStage::approval);
+    EXPECT_EQ(countOf(Kind::waitingAtGate), 1);
+}
+
 TEST_F(RunCoordinatorTest, RejectAllRecordsTheRejectionAndFilesNothing) {
     writeFlow(scriptStep("collect", "collect.py") + gateStep + scriptStep("file", "file.py"));
     start();

@@ -8,6 +8,7 @@
 #include "tests/stores/SqliteTestSupport.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <cctype>
 #include <functional>
 
 #include <gtest/gtest.h>
@@ -362,6 +363,94 @@ TEST_F(AuditLogStoreTest, AFailedWriteLeavesThePreviousContent) {
         }
         EXPECT_EQ(audit.load(), before);
     }
+}
+
+// What a history query must give: the runs of load(), newest first, filtered, cut.
+std::vector<AuditRun> expectedRuns(const AuditLogDocument& document, const AuditRunQuery& query) {
+    const auto folded = [](std::string text) {
+        for (auto& c : text) {
+            c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+        }
+        return text;
+    };
+    std::vector<AuditRun> runs;
+    for (auto run = document.runs.rbegin(); run != document.runs.rend(); ++run) {
+        const bool matches = (!query.flowID || run->flowID == *query.flowID) &&
+                             (!query.status || folded(run->status) == folded(*query.status));
+        if (matches && (!query.limit || runs.size() < *query.limit)) {
+            runs.push_back(*run);
+        }
+    }
+    return runs;
+}
+
+TEST_F(AuditLogStoreTest, QueriesAndTotalsAgreeWithTheWholeHistory) {
+    auto audit = store();
+    EXPECT_EQ(audit.totals(), AuditTotals{});
+    std::vector<AuditRun> written;
+    for (int index = 0; index < 12; ++index) {
+        auto run = sampleRun(index % 3 == 0 ? "receipts" : "inventory", index % 4);
+        run.status = index % 5 == 0 ? "Failed" : (index % 2 == 0 ? "Success" : "SUCCESS");
+        run.minutesSaved = index;
+        run.llmCostUSD = 0.25 * index;
+        audit.append(run);
+        written.push_back(run);
+    }
+    audit.append(written[1]); // rewritten: now the newest
+
+    const auto history = audit.load();
+    const std::vector<AuditRunQuery> queries{
+        {},
+        {std::nullopt, std::nullopt, 3},
+        {"receipts", std::nullopt, std::nullopt},
+        {std::nullopt, "success", std::nullopt},
+        {"inventory", "sUcCeSs", 2},
+        {"receipts", "failed", 1},
+        {"nobody", std::nullopt, std::nullopt},
+        {std::nullopt, "succ", std::nullopt},
+    };
+    for (const auto& query : queries) {
+        EXPECT_EQ(audit.runs(query), expectedRuns(history, query))
+            << query.flowID.value_or("-") << " " << query.status.value_or("-") << " "
+            << query.limit.value_or(0);
+    }
+    EXPECT_EQ(audit.runs({std::nullopt, std::nullopt, 1}).front().id, written[1].id);
+
+    const auto id = written[7].id.uppercaseString();
+    for (const auto& prefix : {id, id.substr(0, 8), "  " + id}) {
+        const auto found = audit.runsWithIDPrefix(prefix);
+        if (prefix.front() == ' ') {
+            EXPECT_TRUE(found.empty());
+        } else {
+            ASSERT_EQ(found.size(), 1u) << prefix;
+            EXPECT_EQ(found.front(), written[7]);
+        }
+    }
+    std::string lower = id.substr(0, 6);
+    for (auto& c : lower) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    EXPECT_EQ(audit.runsWithIDPrefix(lower).front().id, written[7].id);
+    EXPECT_EQ(audit.runsWithIDPrefix("").size(), written.size());
+
+    AuditTotals sums;
+    for (const auto& run : history.runs) {
+        sums.runs += 1;
+        sums.minutesSaved += run.minutesSaved;
+        sums.llmCostUSD += run.llmCostUSD;
+    }
+    const auto totals = audit.totals();
+    EXPECT_EQ(totals.runs, sums.runs);
+    EXPECT_EQ(totals.minutesSaved, sums.minutesSaved);
+    EXPECT_DOUBLE_EQ(totals.llmCostUSD, sums.llmCostUSD);
+}
+
+TEST_F(AuditLogStoreTest, QueriesImportTheLegacyHistoryFirst) {
+    writeLegacy(threeLegacyRuns);
+    const auto audit = store();
+    EXPECT_EQ(audit.totals().runs, 3);
+    EXPECT_EQ(audit.runs({}).size(), 3u);
+    EXPECT_EQ(audit.runs({}).front().flowID, audit.load().runs.back().flowID);
 }
 
 } // namespace

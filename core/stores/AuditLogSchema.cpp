@@ -1,0 +1,110 @@
+#include "core/stores/AuditLogSchema.h"
+
+#include "core/foundation/AtomicFile.h"
+#include "core/stores/AuditDatabase.h"
+#include "core/stores/AuditRunJson.h"
+#include "core/stores/AuditRunWriter.h"
+
+#include <system_error>
+
+namespace quorlin {
+
+namespace {
+
+constexpr const char* createRunsTable =
+    "CREATE TABLE IF NOT EXISTS audit_runs ("
+    "id TEXT PRIMARY KEY NOT NULL, flow_id TEXT NOT NULL, flow_name TEXT NOT NULL, "
+    "timestamp TEXT NOT NULL, trigger TEXT NOT NULL, status TEXT NOT NULL, "
+    "output_summary TEXT NOT NULL, minutes_saved INTEGER NOT NULL, "
+    "llm_cost_usd REAL NOT NULL, duration_seconds REAL NOT NULL, output_folder TEXT);";
+
+constexpr const char* createTimingsTable =
+    "CREATE TABLE IF NOT EXISTS audit_step_timings ("
+    "id INTEGER PRIMARY KEY AUTOINCREMENT, run_id TEXT NOT NULL, position INTEGER NOT NULL, "
+    "step_id TEXT NOT NULL, title TEXT NOT NULL, duration_seconds REAL NOT NULL, "
+    "FOREIGN KEY (run_id) REFERENCES audit_runs(id) ON DELETE CASCADE);";
+
+constexpr const char* createRecordsTable =
+    "CREATE TABLE IF NOT EXISTS audit_step_records ("
+    "id INTEGER PRIMARY KEY AUTOINCREMENT, run_id TEXT NOT NULL, position INTEGER NOT NULL, "
+    "step_id TEXT NOT NULL, title TEXT NOT NULL, input_json TEXT, output_json TEXT, "
+    "error_json TEXT, "
+    "FOREIGN KEY (run_id) REFERENCES audit_runs(id) ON DELETE CASCADE);";
+
+constexpr const char* createTimingsIndex =
+    "CREATE INDEX IF NOT EXISTS idx_audit_step_timings_run_id "
+    "ON audit_step_timings(run_id, position);";
+
+constexpr const char* createRecordsIndex =
+    "CREATE INDEX IF NOT EXISTS idx_audit_step_records_run_id "
+    "ON audit_step_records(run_id, position);";
+
+bool hasErrorJsonColumn(AuditDatabase& database) {
+    auto columns = database.prepare("PRAGMA table_info(audit_step_records);");
+    while (columns.step()) {
+        if (columns.optionalText(1) == "error_json") {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::int64_t countRuns(AuditDatabase& database) {
+    auto count = database.prepare("SELECT COUNT(*) FROM audit_runs;");
+    return count.step() ? count.integer(0) : 0;
+}
+
+} // namespace
+
+// Makes sure the folder, the file, the tables and the indexes exist, and brings a
+// database from before error_json up to date. Foreign keys are switched on here only;
+// the other connections delete step rows themselves rather than rely on the cascade.
+void prepareAuditDatabase(const std::filesystem::path& path) {
+    if (path.has_parent_path()) {
+        createDirectories(path.parent_path());
+    }
+    auto database = AuditDatabase::open(path);
+    database.execute("PRAGMA foreign_keys = ON;");
+    database.execute(createRunsTable);
+    database.execute(createTimingsTable);
+    database.execute(createRecordsTable);
+    if (!hasErrorJsonColumn(database)) {
+        // Checked again under the write lock: two processes may both have seen an old
+        // database, and the second ALTER would fail on a duplicate column.
+        database.inTransaction([&] {
+            if (!hasErrorJsonColumn(database)) {
+                database.execute("ALTER TABLE audit_step_records ADD COLUMN error_json TEXT;");
+            }
+        });
+    }
+    database.execute(createTimingsIndex);
+    database.execute(createRecordsIndex);
+}
+
+// Imports the old JSON history into a database that holds no run yet. The file stays
+// where it is; the count keeps the import from running twice.
+void importLegacyAuditLog(const std::filesystem::path& databasePath,
+                          const std::filesystem::path& legacyPath) {
+    std::error_code error;
+    if (!std::filesystem::exists(legacyPath, error)) {
+        return; // also when it can't be told: then reading it would fail the same way
+    }
+    auto database = AuditDatabase::open(databasePath);
+    if (countRuns(database) != 0) {
+        return;
+    }
+    database.inTransaction([&] {
+        // Counted again under the write lock, so two processes starting together can't
+        // both import (runs without an id would be doubled).
+        if (countRuns(database) != 0) {
+            return;
+        }
+        const auto document = decodeAuditLogDocumentJson(readFile(legacyPath));
+        AuditRunWriter writer(database);
+        for (const auto& run : document.runs) {
+            writer.insert(run);
+        }
+    });
+}
+
+} // namespace quorlin
