@@ -67,7 +67,7 @@ AppSupportPaths AppSupportPaths::fromEnvironment() {
 AppSupportPaths::AppSupportPaths(std::filesystem::path root) : root_(std::move(root)) {}
 
 std::filesystem::path AppSupportPaths::directory(const std::filesystem::path& relative) const {
-    const auto path = relative.empty() ? root_ : root_ / relative;
+    auto path = relative.empty() ? root_ : root_ / relative;
     createDirectories(path);
     return path;
 }

@@ -32,7 +32,7 @@ std::string withMark(std::string message, const YamlMark& mark) {
 } // namespace
 
 DecodingError::DecodingError(Kind kind, std::string codingPath, std::string subject,
-                             std::string found, YamlMark mark)
+                             const std::string& found, YamlMark mark)
     : Error(withMark(compose(kind, codingPath, subject, found), mark)), kind_(kind),
       codingPath_(std::move(codingPath)), subject_(std::move(subject)), mark_(mark) {}
 

@@ -18,7 +18,8 @@ public:
     // typeMismatch, the description ("Unsupported workflow value") for dataCorrupted.
     // found: for typeMismatch, what was there instead ("\"abc\"", "a sequence").
     // mark: where in the source; a mark with line 0 is left out of the message.
-    DecodingError(Kind kind, std::string codingPath, std::string subject, std::string found = {},
+    DecodingError(Kind kind, std::string codingPath, std::string subject,
+                  const std::string& found = {},
                   YamlMark mark = {});
 
     Kind kind() const { return kind_; }

@@ -136,9 +136,10 @@ void checkDefinition(const FlowStep& step, const BlockReference& reference,
 
 } // namespace
 
-WorkflowBlockValidationError::WorkflowBlockValidationError(Kind kind, std::string first,
-                                                           std::string second, std::string third,
-                                                           std::string fourth)
+WorkflowBlockValidationError::WorkflowBlockValidationError(Kind kind, const std::string& first,
+                                                           const std::string& second,
+                                                           const std::string& third,
+                                                           const std::string& fourth)
     : Error(describe(kind, first, second, third, fourth)), kind_(kind) {}
 
 WorkflowBlockValidator::WorkflowBlockValidator(BlockRegistry registry)

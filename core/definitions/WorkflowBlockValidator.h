@@ -30,8 +30,9 @@ public:
     };
 
     // The payload in the order listed beside each kind; unused ones stay empty.
-    WorkflowBlockValidationError(Kind kind, std::string first, std::string second = {},
-                                 std::string third = {}, std::string fourth = {});
+    WorkflowBlockValidationError(Kind kind, const std::string& first,
+                                 const std::string& second = {}, const std::string& third = {},
+                                 const std::string& fourth = {});
 
     Kind kind() const { return kind_; }
 

@@ -31,7 +31,7 @@ WorkflowDocument WorkflowLoader::loadWorkflow(const std::filesystem::path& file)
 }
 
 std::filesystem::path WorkflowLoader::workflowFile(const WorkflowBundleReference& reference) const {
-    const auto file = reference.manifest ? reference.directory / reference.manifest->plugin.entrypoint
+    auto file = reference.manifest ? reference.directory / reference.manifest->plugin.entrypoint
                                          : reference.directory / "flow.yaml";
     if (!fileExists(file)) {
         throw WorkflowLoaderError(WorkflowLoaderError::Kind::workflowNotFound, reference.flowID);

@@ -103,7 +103,7 @@ bool sameFile(const fs::path& left, const fs::path& right) {
 
 } // namespace
 
-WorkflowPackagerError::WorkflowPackagerError(Kind kind, std::string payload)
+WorkflowPackagerError::WorkflowPackagerError(Kind kind, const std::string& payload)
     : Error(describe(kind, payload)), kind_(kind) {}
 
 WorkflowPluginManifest WorkflowPackager::generatedManifest(const WorkflowDocument& document) {

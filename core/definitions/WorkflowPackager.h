@@ -18,7 +18,7 @@ public:
 
     // payload: the directory for notABundle, the relative path for unsupportedFile;
     // unused for manifestWithoutChecksums.
-    explicit WorkflowPackagerError(Kind kind, std::string payload = {});
+    explicit WorkflowPackagerError(Kind kind, const std::string& payload = {});
 
     Kind kind() const { return kind_; }
 

@@ -77,7 +77,7 @@ std::filesystem::path DefaultScriptRunner::defaultRuntimePath(ScriptRuntime runt
         // A data root we cannot create holds no runtime; the bundled launcher may still do.
     }
     if (resources.executableDirectory) {
-        const auto launcher =
+        auto launcher =
             *resources.executableDirectory /
             (runtime == ScriptRuntime::python ? "quorlin-python" : "quorlin-node");
         std::error_code error;

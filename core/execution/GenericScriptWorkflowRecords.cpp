@@ -3,7 +3,7 @@
 namespace quorlin {
 
 GenericScriptWorkflowFailure::GenericScriptWorkflowFailure(
-    std::string message, std::string flowID_, std::string flowName_, SystemTime startedAt_,
+    const std::string& message, std::string flowID_, std::string flowName_, SystemTime startedAt_,
     double durationSeconds_, std::optional<std::string> outputFolder_,
     std::vector<AuditStepTiming> stepTimings_, std::vector<AuditStepRecord> stepRecords_)
     : Error(message), flowID(std::move(flowID_)), flowName(std::move(flowName_)),

@@ -65,7 +65,7 @@ struct GenericWorkflowApprovalCheckpoint {
 // Its text is the step's error text.
 class GenericScriptWorkflowFailure : public Error {
 public:
-    GenericScriptWorkflowFailure(std::string message, std::string flowID, std::string flowName,
+    GenericScriptWorkflowFailure(const std::string& message, std::string flowID, std::string flowName,
                                  SystemTime startedAt, double durationSeconds,
                                  std::optional<std::string> outputFolder,
                                  std::vector<AuditStepTiming> stepTimings,

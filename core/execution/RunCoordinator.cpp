@@ -74,7 +74,7 @@ RunCoordinator::~RunCoordinator() {
     workers_.clear();
 }
 
-void RunCoordinator::start(const std::string& flowID, RunContext context,
+void RunCoordinator::start(const std::string& flowID, const RunContext& context,
                            EventHandler eventHandler) {
     const auto retryCount = beginStart(flowID, std::move(eventHandler));
     std::shared_ptr<const LoadedWorkflow> workflow;
@@ -85,10 +85,10 @@ void RunCoordinator::start(const std::string& flowID, RunContext context,
                       &error);
         return;
     }
-    launchRun(flowID, std::move(workflow), context, retryCount);
+    launchRun(flowID, workflow, context, retryCount);
 }
 
-void RunCoordinator::start(LoadedWorkflow workflow, RunContext context,
+void RunCoordinator::start(LoadedWorkflow workflow, const RunContext& context,
                            EventHandler eventHandler) {
     const std::string flowID = workflow.reference.flowID;
     const auto retryCount = beginStart(flowID, std::move(eventHandler));
@@ -110,7 +110,7 @@ std::int64_t RunCoordinator::beginStart(const std::string& flowID, EventHandler 
 }
 
 void RunCoordinator::launchRun(const std::string& flowID,
-                               std::shared_ptr<const LoadedWorkflow> workflow,
+                               const std::shared_ptr<const LoadedWorkflow>& workflow,
                                const RunContext& context, std::int64_t retryCount) {
     const FlowDefinition& flow = workflow->flow();
     const auto& supported = service_->supportedStepTypes();

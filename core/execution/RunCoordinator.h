@@ -44,10 +44,10 @@ public:
     // Shows a running session and starts the run on a worker. A flow has one session: a
     // run already live for the flow is stopped and its session replaced. A start on a
     // retryable failed session counts as a retry.
-    void start(const std::string& flowID, RunContext context, EventHandler eventHandler);
+    void start(const std::string& flowID, const RunContext& context, EventHandler eventHandler);
     // The same for a workflow the caller has loaded already (to build the context from
     // its settings), so the run does not read it a second time.
-    void start(LoadedWorkflow workflow, RunContext context, EventHandler eventHandler);
+    void start(LoadedWorkflow workflow, const RunContext& context, EventHandler eventHandler);
 
     // At the gate: the first call opens the proposals, the second files the selected ones
     // as the run made them. Anything else is ignored.
@@ -92,7 +92,7 @@ private:
     static Completion runToEnd(RunJob job, const LoadedWorkflow& workflow, std::stop_token stop);
     static Completion runToGate(RunJob job, const LoadedWorkflow& workflow, std::stop_token stop);
     static Completion fileApproved(RunJob job,
-                                   std::shared_ptr<const PreparedApprovalWorkflowRun> parked,
+                                   const std::shared_ptr<const PreparedApprovalWorkflowRun>& parked,
                                    const std::vector<ApprovalProposal>& approved,
                                    std::stop_token stop);
 
@@ -106,7 +106,7 @@ private:
                         std::int64_t total);
 
     std::int64_t beginStart(const std::string& flowID, EventHandler eventHandler);
-    void launchRun(const std::string& flowID, std::shared_ptr<const LoadedWorkflow> workflow,
+    void launchRun(const std::string& flowID, const std::shared_ptr<const LoadedWorkflow>& workflow,
                    const RunContext& context, std::int64_t retryCount);
     void failBeforeRun(const std::string& flowID, const RunContext& context,
                        std::int64_t retryCount, const FlowDefinition* workflow,
@@ -114,7 +114,7 @@ private:
     RunJob makeJob(const std::string& flowID, std::uint64_t taskID, const RunContext& context);
     void launchRunTask(const std::string& flowID, std::uint64_t taskID, Operation operation);
     void finishRunTask(const std::string& flowID, std::uint64_t taskID,
-                       const Completion& completion, std::exception_ptr error);
+                       const Completion& completion, const std::exception_ptr& error);
     void handleProgress(const std::string& flowID, std::uint64_t taskID,
                         const GenericScriptWorkflowProgress& progress);
     void failRunTask(const std::string& flowID, const std::exception& error);

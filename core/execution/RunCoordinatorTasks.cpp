@@ -34,7 +34,8 @@ RunCoordinator::Completion RunCoordinator::runToGate(RunJob job, const LoadedWor
 }
 
 RunCoordinator::Completion
-RunCoordinator::fileApproved(RunJob job, std::shared_ptr<const PreparedApprovalWorkflowRun> parked,
+RunCoordinator::fileApproved(RunJob job,
+                             const std::shared_ptr<const PreparedApprovalWorkflowRun>& parked,
                              const std::vector<ApprovalProposal>& approved,
                              std::stop_token stop) {
     job.request.stopToken = std::move(stop);
@@ -86,7 +87,8 @@ void RunCoordinator::launchRunTask(const std::string& flowID, std::uint64_t task
 }
 
 void RunCoordinator::finishRunTask(const std::string& flowID, std::uint64_t taskID,
-                                   const Completion& completion, std::exception_ptr error) {
+                                   const Completion& completion,
+                                   const std::exception_ptr& error) {
     if (const auto worker = workers_.find(taskID); worker != workers_.end()) {
         // Posting this task was the worker's last act, so the join ends at once.
         worker->second.join();

@@ -46,7 +46,8 @@ int pollTimeout(const std::optional<Clock::time_point>& deadline, bool haveExitN
 
 } // namespace
 
-ChildProcessResult runChildProcess(const ChildProcessRequest& request, std::stop_token stopToken) {
+ChildProcessResult runChildProcess(const ChildProcessRequest& request,
+                                   const std::stop_token& stopToken) {
     const auto& executable = request.executable;
     SigpipeBlock sigpipe;
 

@@ -44,6 +44,6 @@ struct ChildProcessResult {
 // inherited pipes is not collected. The child gets only its three standard streams, no
 // blocked signals and default signal actions. Safe to call from many threads at once.
 ChildProcessResult runChildProcess(const ChildProcessRequest& request,
-                                   std::stop_token stopToken = {});
+                                   const std::stop_token& stopToken = {});
 
 } // namespace quorlin

@@ -32,7 +32,8 @@ std::string composeMessage(Kind kind, const std::filesystem::path& executable,
 } // namespace
 
 ChildProcessError::ChildProcessError(Kind kind, const std::filesystem::path& executable,
-                                     std::string detail, std::chrono::duration<double> timeout)
+                                     const std::string& detail,
+                                     std::chrono::duration<double> timeout)
     : Error(composeMessage(kind, executable, detail, timeout)), kind_(kind), timeout_(timeout) {}
 
 } // namespace quorlin

@@ -13,7 +13,7 @@ public:
     enum class Kind { launchFailed, timedOut, ioFailed };
 
     // detail: the system's reason for launchFailed and ioFailed; unused for timedOut.
-    ChildProcessError(Kind kind, const std::filesystem::path& executable, std::string detail,
+    ChildProcessError(Kind kind, const std::filesystem::path& executable, const std::string& detail,
                       std::chrono::duration<double> timeout = {});
 
     Kind kind() const { return kind_; }

@@ -96,12 +96,13 @@ std::string launchFailureReason(int error, const ChildProcessRequest& request) {
     if (request.workingDirectory) {
         struct stat info {};
         int directoryError = 0;
-        if (::stat(request.workingDirectory->c_str(), &info) != 0) {
+        const char* directory = request.workingDirectory->c_str();
+        // Missing, or a folder we may not enter: errno says which.
+        if (::stat(directory, &info) != 0 ||
+            (S_ISDIR(info.st_mode) && ::access(directory, X_OK) != 0)) {
             directoryError = errno;
         } else if (!S_ISDIR(info.st_mode)) {
             directoryError = ENOTDIR;
-        } else if (::access(request.workingDirectory->c_str(), X_OK) != 0) {
-            directoryError = errno;
         }
         if (directoryError != 0) {
             return "working directory " + request.workingDirectory->string() + ": " +
