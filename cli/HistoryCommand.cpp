@@ -217,8 +217,7 @@ int showCommand(const Arguments& arguments) {
     if (ids.size() != 1 || ids[0].empty()) {
         throw UsageError("'history show' takes one run id");
     }
-    const auto matches =
-        AuditLogStore(AppSupportPaths::fromEnvironment()).runsWithIDPrefix(ids[0]);
+    const auto matches = AuditLogStore(AppSupportPaths::fromEnvironment()).runsWithIDPrefix(ids[0]);
     if (matches.empty()) {
         return fail("no run with id '" + ids[0] + "'. Run 'quorlin history' for the list.");
     }
@@ -243,8 +242,7 @@ int historyCommand(const Arguments& arguments) {
             return showCommand(Arguments(arguments.begin() + 1, arguments.end()));
         }
         const ListOptions options = parseListOptions(arguments);
-        const auto runs =
-            AuditLogStore(AppSupportPaths::fromEnvironment()).runs(options.query);
+        const auto runs = AuditLogStore(AppSupportPaths::fromEnvironment()).runs(options.query);
         switch (options.format) {
         case Format::json: {
             nlohmann::json list = nlohmann::json::array();
@@ -259,8 +257,9 @@ int historyCommand(const Arguments& arguments) {
             break;
         case Format::table:
             if (runs.empty()) {
-                std::cout << (options.query.flowID || options.query.status ? "No runs match.\n"
-                                                               : "No runs recorded yet.\n");
+                std::cout << (options.query.flowID || options.query.status
+                                  ? "No runs match.\n"
+                                  : "No runs recorded yet.\n");
             } else {
                 printTable(runs);
             }

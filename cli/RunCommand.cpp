@@ -33,14 +33,15 @@ public:
         sigaddset(&signals_, SIGINT);
         sigaddset(&signals_, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-        thread_ = std::jthread([this, onInterrupt = std::move(onInterrupt)](const std::stop_token& done) {
-            const timespec tick{0, 100'000'000};
-            while (!done.stop_requested()) {
-                if (sigtimedwait(&signals_, nullptr, &tick) > 0) {
-                    onInterrupt();
+        thread_ =
+            std::jthread([this, onInterrupt = std::move(onInterrupt)](const std::stop_token& done) {
+                const timespec tick{0, 100'000'000};
+                while (!done.stop_requested()) {
+                    if (sigtimedwait(&signals_, nullptr, &tick) > 0) {
+                        onInterrupt();
+                    }
                 }
-            }
-        });
+            });
     }
     ~InterruptWatcher() {
         thread_.request_stop();

@@ -19,8 +19,7 @@ public:
     // found: for typeMismatch, what was there instead ("\"abc\"", "a sequence").
     // mark: where in the source; a mark with line 0 is left out of the message.
     DecodingError(Kind kind, std::string codingPath, std::string subject,
-                  const std::string& found = {},
-                  YamlMark mark = {});
+                  const std::string& found = {}, YamlMark mark = {});
 
     Kind kind() const { return kind_; }
     const std::string& codingPath() const { return codingPath_; }

@@ -25,11 +25,11 @@ inline constexpr std::string_view gmailDownloadAttachments = "gmail-download-att
 inline constexpr std::string_view nativeFileWrite = "native-file-write";
 
 inline constexpr std::array knownStepTypes{
-    runtimeCheck,          dependencyCheck,        scriptRun,
-    llmGenerateStructured, settingsGate,           nativeGoogleRead,
-    filesystemInputFile,   filesystemInputFolder,  filesystemOutputFolder,
-    contextPrepare,        contextLoad,            gmailSearch,
-    gmailListAttachments,  batchApproval,          gmailDownloadAttachments,
+    runtimeCheck,          dependencyCheck,       scriptRun,
+    llmGenerateStructured, settingsGate,          nativeGoogleRead,
+    filesystemInputFile,   filesystemInputFolder, filesystemOutputFolder,
+    contextPrepare,        contextLoad,           gmailSearch,
+    gmailListAttachments,  batchApproval,         gmailDownloadAttachments,
     nativeFileWrite};
 
 } // namespace quorlin::stepType

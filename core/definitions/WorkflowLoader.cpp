@@ -32,14 +32,15 @@ WorkflowDocument WorkflowLoader::loadWorkflow(const std::filesystem::path& file)
 
 std::filesystem::path WorkflowLoader::workflowFile(const WorkflowBundleReference& reference) const {
     auto file = reference.manifest ? reference.directory / reference.manifest->plugin.entrypoint
-                                         : reference.directory / "flow.yaml";
+                                   : reference.directory / "flow.yaml";
     if (!fileExists(file)) {
         throw WorkflowLoaderError(WorkflowLoaderError::Kind::workflowNotFound, reference.flowID);
     }
     return file;
 }
 
-WorkflowDocument WorkflowLoader::loadWorkflowBundle(const WorkflowBundleReference& reference) const {
+WorkflowDocument
+WorkflowLoader::loadWorkflowBundle(const WorkflowBundleReference& reference) const {
     auto document = loadWorkflow(workflowFile(reference));
     validateWorkflowBlocks(document, reference.directory);
     return document;
@@ -68,7 +69,8 @@ WorkflowDocument WorkflowLoader::loadInstalledWorkflow(const std::string& flowID
     return loadWorkflowBundle(*reference);
 }
 
-WorkflowBundleReference WorkflowLoader::availableWorkflowReference(const std::string& workflowID) const {
+WorkflowBundleReference
+WorkflowLoader::availableWorkflowReference(const std::string& workflowID) const {
     if (auto installed = locator_.activeInstalledWorkflowReference(workflowID)) {
         return std::move(*installed);
     }
@@ -94,8 +96,9 @@ LoadedWorkflow WorkflowLoader::loadRunnableWorkflow(const std::string& workflowI
     return loaded;
 }
 
-std::vector<WorkflowBlockResolution> WorkflowLoader::validateWorkflowBlocks(
-    const WorkflowDocument& document, const std::filesystem::path& bundleDirectory) const {
+std::vector<WorkflowBlockResolution>
+WorkflowLoader::validateWorkflowBlocks(const WorkflowDocument& document,
+                                       const std::filesystem::path& bundleDirectory) const {
     return validator_.validate(document, bundleDirectory);
 }
 

@@ -30,7 +30,8 @@ private:
 // and never writes.
 class WorkflowLoader {
 public:
-    WorkflowLoader(WorkflowBundleLocator locator, WorkflowBlockValidator validator = WorkflowBlockValidator());
+    WorkflowLoader(WorkflowBundleLocator locator,
+                   WorkflowBlockValidator validator = WorkflowBlockValidator());
 
     // Reads and decodes one workflow file, with no block validation.
     WorkflowDocument loadWorkflow(const std::filesystem::path& file) const;
@@ -50,8 +51,9 @@ public:
     // The available workflow with its block resolutions, as a run needs it.
     LoadedWorkflow loadRunnableWorkflow(const std::string& workflowID) const;
 
-    std::vector<WorkflowBlockResolution> validateWorkflowBlocks(
-        const WorkflowDocument& document, const std::filesystem::path& bundleDirectory) const;
+    std::vector<WorkflowBlockResolution>
+    validateWorkflowBlocks(const WorkflowDocument& document,
+                           const std::filesystem::path& bundleDirectory) const;
 
     const WorkflowBundleLocator& locator() const { return locator_; }
 

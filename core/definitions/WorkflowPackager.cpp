@@ -2,6 +2,7 @@
 
 #include "core/definitions/PackagePath.h"
 #include "core/definitions/PluginChecksumListing.h"
+#include "core/definitions/StepTypes.h"
 #include "core/definitions/WorkflowInstaller.h"
 #include "core/definitions/WorkflowInstallerError.h"
 #include "core/foundation/Archive.h"
@@ -114,7 +115,7 @@ WorkflowPluginManifest WorkflowPackager::generatedManifest(const WorkflowDocumen
     plugin.displayName = document.flow.name;
     plugin.entrypoint = workflowFileName;
     for (const auto& step : document.flow.steps) {
-        const auto runtime = step.type == "script-run" ? scriptRuntime(step) : std::nullopt;
+        const auto runtime = step.type == stepType::scriptRun ? scriptRuntime(step) : std::nullopt;
         const auto listed = [&](const PluginRuntimeRequirement& requirement) {
             return requirement.runtime == *runtime;
         };

@@ -77,9 +77,8 @@ std::filesystem::path DefaultScriptRunner::defaultRuntimePath(ScriptRuntime runt
         // A data root we cannot create holds no runtime; the bundled launcher may still do.
     }
     if (resources.executableDirectory) {
-        auto launcher =
-            *resources.executableDirectory /
-            (runtime == ScriptRuntime::python ? "quorlin-python" : "quorlin-node");
+        auto launcher = *resources.executableDirectory /
+                        (runtime == ScriptRuntime::python ? "quorlin-python" : "quorlin-node");
         std::error_code error;
         if (std::filesystem::exists(launcher, error)) {
             return launcher;

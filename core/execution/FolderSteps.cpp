@@ -123,8 +123,8 @@ std::string stepEnvironmentKey(const FlowStep& step, std::string_view workflowID
 std::optional<std::string> folderSettingEnvironmentKey(const FlowDefinition& workflow,
                                                        std::string_view settingKey) {
     for (const auto& step : workflow.steps) {
-        const bool folderStep =
-            step.type == stepType::filesystemInputFolder || step.type == stepType::filesystemOutputFolder;
+        const bool folderStep = step.type == stepType::filesystemInputFolder ||
+                                step.type == stepType::filesystemOutputFolder;
         if (folderStep && stepSettingKey(step) == settingKey) {
             return stepEnvironmentKey(step, workflow.id, false);
         }

@@ -65,8 +65,8 @@ struct GenericWorkflowApprovalCheckpoint {
 // Its text is the step's error text.
 class GenericScriptWorkflowFailure : public Error {
 public:
-    GenericScriptWorkflowFailure(const std::string& message, std::string flowID, std::string flowName,
-                                 SystemTime startedAt, double durationSeconds,
+    GenericScriptWorkflowFailure(const std::string& message, std::string flowID,
+                                 std::string flowName, SystemTime startedAt, double durationSeconds,
                                  std::optional<std::string> outputFolder,
                                  std::vector<AuditStepTiming> stepTimings,
                                  std::vector<AuditStepRecord> stepRecords);

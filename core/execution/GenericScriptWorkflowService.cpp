@@ -68,8 +68,9 @@ RunLog GenericScriptWorkflowService::startLog(const FlowDefinition& workflow) co
     return log;
 }
 
-GenericScriptWorkflowRunResult GenericScriptWorkflowService::run(const LoadedWorkflow& workflow,
-                                                                 const WorkflowRunRequest& request) {
+GenericScriptWorkflowRunResult
+GenericScriptWorkflowService::run(const LoadedWorkflow& workflow,
+                                  const WorkflowRunRequest& request) {
     RunLog log = startLog(workflow.flow());
     runSteps(workflow, log, 0, GateMode::failAtGate, request);
     return finish(workflow.flow(), log);
@@ -143,9 +144,9 @@ GenericScriptWorkflowService::runSteps(const LoadedWorkflow& workflow, RunLog& l
     return std::nullopt;
 }
 
-GenericScriptWorkflowFailure GenericScriptWorkflowService::failure(const FlowDefinition& workflow,
-                                                                   const RunLog& log,
-                                                                   const std::exception& error) const {
+GenericScriptWorkflowFailure
+GenericScriptWorkflowService::failure(const FlowDefinition& workflow, const RunLog& log,
+                                      const std::exception& error) const {
     // Only the step outputs name a failed run's folder; its stdout is not summarised.
     return {error.what(),
             workflow.id,

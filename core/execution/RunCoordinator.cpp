@@ -18,41 +18,6 @@ namespace {
 constexpr const char* unsupportedWorkflowMessage =
     "This workflow isn't wired into the generic runner or has no runnable blocks.";
 
-LiveStep bootstrapStep() {
-    return {"bootstrap", "Initialize runtime",
-            "Loading workflow, runtime path, and dependency cache", StepAccent::deterministic,
-            LiveStepState::running(0.35)};
-}
-
-FlowRunSession failedSession(FlowRunSession session, const std::string& message, bool retryable) {
-    session.stage = RunStage::failed;
-    session.subtitle = "Run failed";
-    session.failureMessage = message;
-    session.isRetryable = retryable;
-    return session;
-}
-
-// A session for a run that never got going: only the bootstrap step to show.
-FlowRunSession bootstrapFailedSession(const std::string& flowID, const std::string& flowName,
-                                      const std::string& trigger, std::int64_t totalMinutes) {
-    FlowRunSession session;
-    session.flowID = flowID;
-    session.flowName = flowName;
-    session.trigger = trigger;
-    session.startedAt = formatLocalMinute(std::chrono::system_clock::now());
-    session.liveSteps = {bootstrapStep()};
-    session.resultTotalMinutes = totalMinutes;
-    return session;
-}
-
-std::string withoutRunning(std::string subtitle) {
-    const std::string running = "Running \u00b7 ";
-    for (auto at = subtitle.find(running); at != std::string::npos; at = subtitle.find(running)) {
-        subtitle.erase(at, running.size());
-    }
-    return subtitle;
-}
-
 void removeStagingDirectory(const PreparedApprovalWorkflowRun& prepared) {
     std::error_code ignored; // a leftover staging folder harms nothing but disk space
     std::filesystem::remove_all(prepared.checkpoint.log.stagingDirectory, ignored);
@@ -122,11 +87,7 @@ void RunCoordinator::launchRun(const std::string& flowID,
 
     auto session = RunSessionBuilder::makeGenericScriptRunningSession(
         flow, context.totalMinutesSaved, context.trigger);
-    session.retryCount = retryCount;
-    if (retryCount >= 1 && session.stage == RunStage::running) {
-        session.subtitle = "Retrying \u00b7 " + withoutRunning(session.subtitle);
-    }
-    storeAndEmit(flowID, session);
+    storeAndEmit(flowID, RunSessionBuilder::markedAsRetry(std::move(session), retryCount));
 
     const std::uint64_t taskID = nextTaskID_++;
     const bool gated = std::any_of(flow.steps.begin(), flow.steps.end(), [](const FlowStep& step) {
@@ -216,7 +177,7 @@ void RunCoordinator::rejectAllApprovalItems(const std::string& flowID, const Run
         auditStore_->append(run);
     } catch (const std::exception& error) {
         // The parked run stays, so the user may try again.
-        auto failed = failedSession(*slot.session, error.what(), true);
+        auto failed = RunSessionBuilder::makeFailedSession(*slot.session, error.what(), true);
         storeAndEmit(flowID, failed);
         emit(flowID, RunEvent::failed(std::move(failed)));
         return;
@@ -252,10 +213,11 @@ bool RunCoordinator::isRunning(const std::string& flowID) const {
 void RunCoordinator::failBeforeRun(const std::string& flowID, const RunContext& context,
                                    std::int64_t retryCount, const FlowDefinition* workflow,
                                    const std::string& message, const std::exception* error) {
-    auto session = bootstrapFailedSession(flowID, workflow != nullptr ? workflow->name : flowID,
-                                          context.trigger, context.totalMinutesSaved);
+    auto session = RunSessionBuilder::makeBootstrapFailedSession(
+        flowID, workflow != nullptr ? workflow->name : flowID, context.trigger,
+        context.totalMinutesSaved);
     session.retryCount = retryCount;
-    session = failedSession(std::move(session), message, false);
+    session = RunSessionBuilder::makeFailedSession(std::move(session), message, false);
     storeAndEmit(flowID, session);
     recordFailureAuditRun(flowID, session, workflow, message, error);
     emit(flowID, RunEvent::failed(session));
@@ -266,9 +228,10 @@ void RunCoordinator::failRunTask(const std::string& flowID, const std::exception
     slot.taskID.reset();
     const std::string message = error.what();
     // The steps stay as they stood when the run failed.
-    auto session = slot.session ? *slot.session
-                                : bootstrapFailedSession(flowID, flowID, "Manual", 0);
-    session = failedSession(std::move(session), message, true);
+    auto session = slot.session
+                       ? *slot.session
+                       : RunSessionBuilder::makeBootstrapFailedSession(flowID, flowID, "Manual", 0);
+    session = RunSessionBuilder::makeFailedSession(std::move(session), message, true);
     storeAndEmit(flowID, session);
     recordFailureAuditRun(flowID, session, nullptr, message, &error);
     emit(flowID, RunEvent::failed(session));

@@ -1,7 +1,6 @@
 // The coordinator's worker side: what each worker runs, and the bookkeeping that ties a
 // worker's outcome back to its flow on the main thread.
 #include "RunCoordinator.h"
-
 #include "core/execution/RunAuditRecords.h"
 #include "core/execution/RunResults.h"
 #include "core/execution/RunSessionBuilder.h"
@@ -36,8 +35,7 @@ RunCoordinator::Completion RunCoordinator::runToGate(RunJob job, const LoadedWor
 RunCoordinator::Completion
 RunCoordinator::fileApproved(RunJob job,
                              const std::shared_ptr<const PreparedApprovalWorkflowRun>& parked,
-                             const std::vector<ApprovalProposal>& approved,
-                             std::stop_token stop) {
+                             const std::vector<ApprovalProposal>& approved, std::stop_token stop) {
     job.request.stopToken = std::move(stop);
     auto finalized = finalizeApprovedRun(*job.service, *parked, approved, job.request);
     job.auditStore->append(finalized.auditRun);
@@ -87,8 +85,7 @@ void RunCoordinator::launchRunTask(const std::string& flowID, std::uint64_t task
 }
 
 void RunCoordinator::finishRunTask(const std::string& flowID, std::uint64_t taskID,
-                                   const Completion& completion,
-                                   const std::exception_ptr& error) {
+                                   const Completion& completion, const std::exception_ptr& error) {
     if (const auto worker = workers_.find(taskID); worker != workers_.end()) {
         // Posting this task was the worker's last act, so the join ends at once.
         worker->second.join();

@@ -35,8 +35,7 @@ struct RunLog {
     void record(const FlowStep& step, const GenericScriptStepRunResult& result);
 
     // The timing and record of a step that failed after starting at stepStartedAt.
-    void recordFailure(const FlowStep& step, SystemTime stepStartedAt,
-                       const std::exception& error);
+    void recordFailure(const FlowStep& step, SystemTime stepStartedAt, const std::exception& error);
 };
 
 } // namespace quorlin

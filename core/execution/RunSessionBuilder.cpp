@@ -80,6 +80,20 @@ std::string completedSubtitle(double durationSeconds) {
     return std::string("Run complete") + separator + seconds(durationSeconds) + " total";
 }
 
+LiveStep bootstrapStep() {
+    return {"bootstrap", "Initialize runtime",
+            "Loading workflow, runtime path, and dependency cache", StepAccent::deterministic,
+            LiveStepState::running(0.35)};
+}
+
+std::string withoutRunning(std::string subtitle) {
+    const std::string running = "Running \u00b7 ";
+    for (auto at = subtitle.find(running); at != std::string::npos; at = subtitle.find(running)) {
+        subtitle.erase(at, running.size());
+    }
+    return subtitle;
+}
+
 } // namespace
 
 StepAccent stepAccent(const FlowStep& step) {
@@ -256,6 +270,35 @@ FlowRunSession makeGenericScriptCompletedSession(const GenericScriptWorkflowRunR
         note += note.empty() ? text : "\n\n" + text;
     }
     session.privacyNote = note;
+    return session;
+}
+
+FlowRunSession makeFailedSession(FlowRunSession session, const std::string& message,
+                                 bool retryable) {
+    session.stage = RunStage::failed;
+    session.subtitle = "Run failed";
+    session.failureMessage = message;
+    session.isRetryable = retryable;
+    return session;
+}
+
+FlowRunSession makeBootstrapFailedSession(const std::string& flowID, const std::string& flowName,
+                                          const std::string& trigger, std::int64_t totalMinutes) {
+    FlowRunSession session;
+    session.flowID = flowID;
+    session.flowName = flowName;
+    session.trigger = trigger;
+    session.startedAt = formatLocalMinute(std::chrono::system_clock::now());
+    session.liveSteps = {bootstrapStep()};
+    session.resultTotalMinutes = totalMinutes;
+    return session;
+}
+
+FlowRunSession markedAsRetry(FlowRunSession session, std::int64_t retryCount) {
+    session.retryCount = retryCount;
+    if (retryCount >= 1 && session.stage == RunStage::running) {
+        session.subtitle = "Retrying \u00b7 " + withoutRunning(session.subtitle);
+    }
     return session;
 }
 

@@ -42,6 +42,18 @@ FlowRunSession makeGenericScriptCompletedSession(const GenericScriptWorkflowRunR
                                                  std::int64_t minutesSaved,
                                                  const std::string& trigger);
 
+// Stage failed, keeping the steps as they stood.
+FlowRunSession makeFailedSession(FlowRunSession session, const std::string& message,
+                                 bool retryable);
+
+// A session for a run that never got going: only the bootstrap step to show.
+FlowRunSession makeBootstrapFailedSession(const std::string& flowID, const std::string& flowName,
+                                          const std::string& trigger, std::int64_t totalMinutes);
+
+// The session of a run started again after a retryable failure; retryCount counts the
+// retries that led to it, and a running session says it is retrying.
+FlowRunSession markedAsRetry(FlowRunSession session, std::int64_t retryCount);
+
 StepAccent stepAccent(const FlowStep& step);
 
 } // namespace RunSessionBuilder

@@ -33,10 +33,12 @@ void addRoute(std::map<std::string, std::string>& environment, const std::string
 
 } // namespace
 
-std::map<std::string, std::string>
-scriptEnvironment(const AppSupportPaths& paths, const FlowDefinition& workflow, const FlowStep& step,
-                  ScriptRuntime runtime, const AppSettings& settings,
-                  const ClientProfileDocument& clientProfile, const EnvironmentOverrides& overrides) {
+std::map<std::string, std::string> scriptEnvironment(const AppSupportPaths& paths,
+                                                     const FlowDefinition& workflow,
+                                                     const FlowStep& step, ScriptRuntime runtime,
+                                                     const AppSettings& settings,
+                                                     const ClientProfileDocument& clientProfile,
+                                                     const EnvironmentOverrides& overrides) {
     std::map<std::string, std::string> environment;
     if (auto key = trimmed(settings.anthropicAPIKey); !key.empty()) {
         environment["ANTHROPIC_API_KEY"] = std::move(key);

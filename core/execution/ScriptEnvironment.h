@@ -15,9 +15,11 @@ namespace quorlin {
 // The environment of a script step, laid over the inherited one: the LLM provider keys
 // and the route for the step's role, where the workflow's script dependencies live, and
 // last the run's overrides (blank keys dropped), which win.
-std::map<std::string, std::string>
-scriptEnvironment(const AppSupportPaths& paths, const FlowDefinition& workflow, const FlowStep& step,
-                  ScriptRuntime runtime, const AppSettings& settings,
-                  const ClientProfileDocument& clientProfile, const EnvironmentOverrides& overrides);
+std::map<std::string, std::string> scriptEnvironment(const AppSupportPaths& paths,
+                                                     const FlowDefinition& workflow,
+                                                     const FlowStep& step, ScriptRuntime runtime,
+                                                     const AppSettings& settings,
+                                                     const ClientProfileDocument& clientProfile,
+                                                     const EnvironmentOverrides& overrides);
 
 } // namespace quorlin

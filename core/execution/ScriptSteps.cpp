@@ -164,7 +164,8 @@ GenericScriptStepRunResult ScriptBlockStepHandler::run(const StepContext& contex
                         std::filesystem::absolute(context.log.stagingDirectory).string(),
                         context.log.previousOutputs};
     const auto envelopeJSON = toJson(envelope);
-    const ScriptResult script = launcher_.launch(context, std::move(spec), compactJson(envelopeJSON));
+    const ScriptResult script =
+        launcher_.launch(context, std::move(spec), compactJson(envelopeJSON));
     const std::string stdoutText = utf8OrEmpty(script.stdoutData);
 
     const auto output = decodeScriptBlockOutputEnvelope(stdoutText);

@@ -7,18 +7,18 @@
 namespace quorlin {
 
 AuditRunWriter::AuditRunWriter(AuditDatabase& database)
-        : upsertRun_(database.prepare(
-              "INSERT OR REPLACE INTO audit_runs (id, flow_id, flow_name, timestamp, trigger, "
-              "status, output_summary, minutes_saved, llm_cost_usd, duration_seconds, "
-              "output_folder) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?);")),
-          deleteTimings_(database.prepare("DELETE FROM audit_step_timings WHERE run_id = ?;")),
-          insertTiming_(
-              database.prepare("INSERT INTO audit_step_timings (run_id, position, step_id, title, "
-                               "duration_seconds) VALUES (?, ?, ?, ?, ?);")),
-          deleteRecords_(database.prepare("DELETE FROM audit_step_records WHERE run_id = ?;")),
-          insertRecord_(database.prepare(
-              "INSERT INTO audit_step_records (run_id, position, step_id, title, input_json, "
-              "output_json, error_json) VALUES (?, ?, ?, ?, ?, ?, ?);")) {}
+    : upsertRun_(database.prepare(
+          "INSERT OR REPLACE INTO audit_runs (id, flow_id, flow_name, timestamp, trigger, "
+          "status, output_summary, minutes_saved, llm_cost_usd, duration_seconds, "
+          "output_folder) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?);")),
+      deleteTimings_(database.prepare("DELETE FROM audit_step_timings WHERE run_id = ?;")),
+      insertTiming_(
+          database.prepare("INSERT INTO audit_step_timings (run_id, position, step_id, title, "
+                           "duration_seconds) VALUES (?, ?, ?, ?, ?);")),
+      deleteRecords_(database.prepare("DELETE FROM audit_step_records WHERE run_id = ?;")),
+      insertRecord_(database.prepare(
+          "INSERT INTO audit_step_records (run_id, position, step_id, title, input_json, "
+          "output_json, error_json) VALUES (?, ?, ?, ?, ?, ?, ?);")) {}
 
 void AuditRunWriter::insert(const AuditRun& run) {
     const std::string id = run.id.uppercaseString();

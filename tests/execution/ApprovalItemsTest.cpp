@@ -280,7 +280,7 @@ protected:
     GenericWorkflowApprovalCheckpoint checkpoint = [this] {
         GenericWorkflowApprovalCheckpoint made;
         made.log.stepOutputs["a-broken"] = {{"pdf_manifest", value(R"([{"date": "x"}])")},
-                                        {"preview_paths", value(R"({"1": 5})")}};
+                                            {"preview_paths", value(R"({"1": 5})")}};
         made.log.stepOutputs["b-list"] = {
             {"manifest", manifestValue(manifest)},
             {"preview_paths", value(R"({"1": "/p/1.pdf", "2": "/p/2.pdf", "3": "/p/3.png"})")}};

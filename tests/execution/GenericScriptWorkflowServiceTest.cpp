@@ -130,7 +130,8 @@ TEST_F(GenericScriptWorkflowServiceTest, RunsScriptStepsInOrderAndPassesEarlierO
 
 TEST_F(GenericScriptWorkflowServiceTest, SingleJsonStepGivesItsMessageAsSummary) {
     writeFlow(scriptStep("only", "print_json.py"));
-    EXPECT_EQ(onWorker([&] { return service.run(loaded("demo"), request); }).outputSummary, "hi from only");
+    EXPECT_EQ(onWorker([&] { return service.run(loaded("demo"), request); }).outputSummary,
+              "hi from only");
 }
 
 TEST_F(GenericScriptWorkflowServiceTest, PlainTextAndBlankOutputs) {
@@ -204,10 +205,12 @@ TEST_F(GenericScriptWorkflowServiceTest, StepProblemsFailThroughTheFailurePath) 
 
 TEST_F(GenericScriptWorkflowServiceTest, ErrorsBeforeAnyStepCarryNoRecords) {
     writeFlow(scriptStep("first", "print_json.py") + typedStep("odd", "teleport"));
-    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }), ExecutionEngineError);
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }),
+                 ExecutionEngineError);
     EXPECT_EQ(progress.size(), 2u); // the first step ran
 
-    EXPECT_THROW(onWorker([&] { return service.run(loaded("nope"), request); }), WorkflowLoaderError);
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("nope"), request); }),
+                 WorkflowLoaderError);
 
     std::stop_source stop;
     stop.request_stop();
@@ -221,7 +224,8 @@ TEST_F(GenericScriptWorkflowServiceTest, RunUntilApprovalStopsAtTheGateAndResume
               "    - id: review\n      name: Review\n      type: batch-approval\n"
               "      inputs:\n        table: '{{ steps.collect.proposals }}'\n" +
               scriptStep("file", "print_json.py"));
-    const auto checkpoint = onWorker([&] { return service.runUntilApproval(loaded("demo"), request); });
+    const auto checkpoint =
+        onWorker([&] { return service.runUntilApproval(loaded("demo"), request); });
     EXPECT_EQ(checkpoint.approvalStepID, "review");
     EXPECT_THAT(checkpoint.log.stdoutParts, ElementsAre(HasSubstr("hi from collect")));
     EXPECT_EQ(checkpoint.log.stepTimings.size(), 1u);
@@ -279,12 +283,14 @@ TEST_F(GenericScriptWorkflowServiceTest, RepeatedStepIdsOverwriteMapsButKeepBoth
 class ScriptBlockTest : public GenericScriptWorkflowServiceTest {
 protected:
     void writeBlock(const std::string& script, const std::string& runtime = "python") {
-        fixture.writeBundleFile("demo", "blocks/report/block.yaml",
-                                "id: report\nname: Report\nversion: 1.0.0\nkind: script\n"
-                                "execution:\n  kind: script\n  handler_type: script-run\n  runtime: " +
-                                    runtime + "\n  entrypoint: scripts/report.py\n  timeout_seconds: 15\n"
-                                              "inputs:\n  title: {type: string, required: true}\n"
-                                              "outputs:\n  summary: {type: string}\n");
+        fixture.writeBundleFile(
+            "demo", "blocks/report/block.yaml",
+            "id: report\nname: Report\nversion: 1.0.0\nkind: script\n"
+            "execution:\n  kind: script\n  handler_type: script-run\n  runtime: " +
+                runtime +
+                "\n  entrypoint: scripts/report.py\n  timeout_seconds: 15\n"
+                "inputs:\n  title: {type: string, required: true}\n"
+                "outputs:\n  summary: {type: string}\n");
         fixture.writeBundleFile("demo", "scripts/report.py", script);
         writeFlow(scriptStep("first", "print_json.py") +
                   "    - id: report\n      name: Report\n      block: report@1.0.0\n"
@@ -296,23 +302,28 @@ TEST_F(ScriptBlockTest, ReceivesTheEnvelopeAndPassesItsOutputsOn) {
     writeBlock("import json, sys\n"
                "env = json.load(sys.stdin)\n"
                "ctx = env['context']\n"
-               "print(json.dumps({'outputs': {'summary': env['inputs']['title'] + ' by ' + ctx['block_id'] + "
+               "print(json.dumps({'outputs': {'summary': env['inputs']['title'] + ' by ' + "
+               "ctx['block_id'] + "
                "'@' + ctx['block_version'] + ' after ' + ','.join(ctx['previous_outputs'])}, "
                "'audit': {'rows': 1}}))\n");
     const auto result = onWorker([&] { return service.run(loaded("demo"), request); });
     EXPECT_EQ(result.outputSummary, result.stdoutText);
-    EXPECT_THAT(result.stdoutText, HasSubstr(R"({"summary":"Monthly by report@1.0.0 after first"})"));
+    EXPECT_THAT(result.stdoutText,
+                HasSubstr(R"({"summary":"Monthly by report@1.0.0 after first"})"));
     const auto envelope = nlohmann::json::parse(*result.stepRecords[1].inputJSON);
     EXPECT_EQ(envelope["context"]["flow_name"], "Demo Flow");
-    EXPECT_TRUE(std::filesystem::is_directory(envelope["context"]["staging_dir"].get<std::string>()));
-    EXPECT_EQ(envelope["context"]["bundle_root"], (fixture.root() / "resources/Workflows/demo").string());
+    EXPECT_TRUE(
+        std::filesystem::is_directory(envelope["context"]["staging_dir"].get<std::string>()));
+    EXPECT_EQ(envelope["context"]["bundle_root"],
+              (fixture.root() / "resources/Workflows/demo").string());
 }
 
 TEST_F(ScriptBlockTest, OutputThatBreaksTheContractFailsTheStep) {
     const std::pair<std::string, std::string> cases[] = {
         {"print('not json')\n", "Script output isn't valid JSON: not json\n"},
         {"pass\n", "Script output isn't valid JSON: <empty stdout>"},
-        {"print('{\"summary\": \"no envelope\"}')\n", "Script output isn't valid JSON: {\"summary\": \"no envelope\"}\n"},
+        {"print('{\"summary\": \"no envelope\"}')\n",
+         "Script output isn't valid JSON: {\"summary\": \"no envelope\"}\n"},
         {"print('{\"outputs\": {\"secret\": 1}}')\n",
          "step report declares an undefined output for block report: secret"},
     };
@@ -333,7 +344,8 @@ TEST_F(GenericScriptWorkflowServiceTest, BlockProblemsStopTheRunBeforeTheFirstSt
     writeFlow(scriptStep("first", "print_json.py") +
               "    - id: search\n      name: Search\n      block: gmail.search-messages@0.1.0\n"
               "      type: script-run\n");
-    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }), WorkflowBlockValidationError);
+    EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }),
+                 WorkflowBlockValidationError);
     EXPECT_TRUE(progress.empty());
 }
 
@@ -353,9 +365,10 @@ public:
 };
 
 TEST_F(GenericScriptWorkflowServiceTest, StepsRunThroughTheHandlersTheRegistryHolds) {
-    const auto runner = std::make_shared<DefaultScriptRunner>(
-        fixture.locator(),
-        [](ScriptRuntime runtime) { return testing::systemInterpreter(rawValue(runtime)); });
+    const auto runner =
+        std::make_shared<DefaultScriptRunner>(fixture.locator(), [](ScriptRuntime runtime) {
+            return testing::systemInterpreter(rawValue(runtime));
+        });
     auto extended = standardStepHandlers({runner, fixture.paths()});
     extended.add("tally", std::make_shared<TallyStepHandler>());
     GenericScriptWorkflowService withTally(WorkflowLoader(fixture.locator()), extended,
@@ -396,22 +409,27 @@ TEST_F(GenericScriptWorkflowServiceTest, RuntimeEnvironmentLayersSettingsRoutesP
     AppSettings settings;
     settings.anthropicAPIKey = "  sk-test \n";
     settings.ollamaURL = " ";
-    const EnvironmentOverrides overrides{{"QUORLIN_FOLDER_INBOX", "/tmp/in"}, {"  ", "dropped"}, {"LLM_PROVIDER", "mine"}};
+    const EnvironmentOverrides overrides{
+        {"QUORLIN_FOLDER_INBOX", "/tmp/in"}, {"  ", "dropped"}, {"LLM_PROVIDER", "mine"}};
     FlowStep step;
     step.id = "summarize";
-    const auto python = scriptEnvironment(fixture.paths(), demoFlow(), step, ScriptRuntime::python, settings, {}, overrides);
+    const auto python = scriptEnvironment(fixture.paths(), demoFlow(), step, ScriptRuntime::python,
+                                          settings, {}, overrides);
     EXPECT_EQ(python, (std::map<std::string, std::string>{
                           {"ANTHROPIC_API_KEY", "sk-test"},
                           {"ANTHROPIC_MODEL", "claude-3-7-sonnet-20250219"},
                           {"LLM_PROVIDER", "mine"}, // overrides win
-                          {"PYTHONPATH", (fixture.paths().root() / "script-dependencies/python/demo").string()},
+                          {"PYTHONPATH",
+                           (fixture.paths().root() / "script-dependencies/python/demo").string()},
                           {"QUORLIN_FOLDER_INBOX", "/tmp/in"}}));
 
     ClientProfileDocument profile;
-    profile.clientProfile.llmRouting =
-        profile.clientProfile.llmRouting.settingStepProvider("demo", "summarize", " ollama: qwen2.5:7b ");
-    const auto node = scriptEnvironment(fixture.paths(), demoFlow(), step, ScriptRuntime::node, {}, profile, {});
-    EXPECT_EQ(node.at("NODE_PATH"), (fixture.paths().root() / "script-dependencies/node/demo/node_modules").string());
+    profile.clientProfile.llmRouting = profile.clientProfile.llmRouting.settingStepProvider(
+        "demo", "summarize", " ollama: qwen2.5:7b ");
+    const auto node =
+        scriptEnvironment(fixture.paths(), demoFlow(), step, ScriptRuntime::node, {}, profile, {});
+    EXPECT_EQ(node.at("NODE_PATH"),
+              (fixture.paths().root() / "script-dependencies/node/demo/node_modules").string());
     EXPECT_EQ(node.at("OLLAMA_BASE_URL"), "http://localhost:11434");
     EXPECT_EQ(node.at("LLM_PROVIDER"), "ollama");
     EXPECT_EQ(node.at("OLLAMA_MODEL"), "qwen2.5:7b");

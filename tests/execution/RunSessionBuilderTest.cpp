@@ -1,7 +1,7 @@
 #include "core/execution/RunSessionBuilder.h"
-#include "core/execution/RunResults.h"
 
 #include "core/definitions/DecodingError.h"
+#include "core/execution/RunResults.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

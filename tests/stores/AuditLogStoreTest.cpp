@@ -36,7 +36,8 @@ AuditRun sampleRun(std::string flowID, std::size_t steps = 2) {
     run.outputFolder = "/home/user/Receipts/2024-03";
     for (std::size_t step = 0; step < steps; ++step) {
         const std::string id = "step-" + std::to_string(step);
-        run.stepTimings.push_back({id, "Step " + std::to_string(step), 1.25 * static_cast<double>(step)});
+        run.stepTimings.push_back(
+            {id, "Step " + std::to_string(step), 1.25 * static_cast<double>(step)});
         run.stepRecords.push_back({id, "Step " + std::to_string(step), R"({"query":"x"})",
                                    std::nullopt,
                                    step == 1 ? std::optional<std::string>("") : std::nullopt});
