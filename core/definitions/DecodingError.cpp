@@ -21,19 +21,11 @@ std::string compose(DecodingError::Kind kind, const std::string& codingPath,
     return subject;
 }
 
-std::string withMark(std::string message, const YamlMark& mark) {
-    if (mark.line == 0) {
-        return message;
-    }
-    return message + " (line " + std::to_string(mark.line) + ", column " +
-           std::to_string(mark.column) + ")";
-}
-
 } // namespace
 
 DecodingError::DecodingError(Kind kind, std::string codingPath, std::string subject,
                              const std::string& found, YamlMark mark)
-    : Error(withMark(compose(kind, codingPath, subject, found), mark)), kind_(kind),
+    : Error(withYamlMark(compose(kind, codingPath, subject, found), mark)), kind_(kind),
       codingPath_(std::move(codingPath)), subject_(std::move(subject)), mark_(mark) {}
 
 } // namespace quorlin

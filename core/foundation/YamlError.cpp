@@ -30,18 +30,10 @@ std::string composeMessage(YamlError::Kind kind, const std::string& detail) {
     return detail;
 }
 
-std::string withMark(std::string message, const YamlMark& mark) {
-    if (mark.line == 0) {
-        return message;
-    }
-    return message + " (line " + std::to_string(mark.line) + ", column " +
-           std::to_string(mark.column) + ")";
-}
-
 } // namespace
 
 YamlError::YamlError(Kind kind, std::string detail, YamlMark mark)
-    : Error(withMark(composeMessage(kind, detail), mark)), kind_(kind), detail_(std::move(detail)),
+    : Error(withYamlMark(composeMessage(kind, detail), mark)), kind_(kind), detail_(std::move(detail)),
       mark_(mark) {}
 
 } // namespace quorlin

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 namespace quorlin {
 
@@ -10,5 +11,14 @@ struct YamlMark {
     std::size_t line = 0;
     std::size_t column = 0;
 };
+
+// message with " (line L, column C)" after it; a mark with line 0 adds nothing.
+inline std::string withYamlMark(std::string message, const YamlMark& mark) {
+    if (mark.line == 0) {
+        return message;
+    }
+    return message + " (line " + std::to_string(mark.line) + ", column " +
+           std::to_string(mark.column) + ")";
+}
 
 } // namespace quorlin
