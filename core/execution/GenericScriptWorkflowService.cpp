@@ -41,9 +41,8 @@ std::optional<std::string> outputFolderPath(const StepOutputs& stepOutputs) {
 
 GenericScriptWorkflowService::GenericScriptWorkflowService(WorkflowLoader loader,
                                                            std::shared_ptr<ScriptRunner> runner,
-                                                           AppSupportPaths paths,
+                                                           const AppSupportPaths& paths,
                                                            MainExecutor& mainExecutor)
-    // paths is copied, not moved: the order in which arguments are evaluated is open.
     : GenericScriptWorkflowService(std::move(loader),
                                    standardStepHandlers({std::move(runner), paths}), paths,
                                    mainExecutor) {}

@@ -18,7 +18,7 @@ class GenericScriptWorkflowService final : public GenericScriptWorkflowRunning {
 public:
     // With every built-in step handler.
     GenericScriptWorkflowService(WorkflowLoader loader, std::shared_ptr<ScriptRunner> runner,
-                                 AppSupportPaths paths, MainExecutor& mainExecutor);
+                                 const AppSupportPaths& paths, MainExecutor& mainExecutor);
     GenericScriptWorkflowService(WorkflowLoader loader, StepHandlerRegistry handlers,
                                  AppSupportPaths paths, MainExecutor& mainExecutor);
 
