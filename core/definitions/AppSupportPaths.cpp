@@ -58,7 +58,9 @@ AppSupportPaths AppSupportPaths::fromEnvironment() {
     if (const char* value = std::getenv(std::string(overrideEnvironmentKey).c_str())) {
         const std::string root = trimmed(value);
         if (!root.empty()) {
-            return AppSupportPaths(root);
+            // Made absolute once, here: scripts run in folders of their own, where a
+            // relative path would point somewhere else.
+            return AppSupportPaths(std::filesystem::absolute(root));
         }
     }
     return AppSupportPaths(defaultRoot());

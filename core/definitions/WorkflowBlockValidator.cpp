@@ -4,6 +4,8 @@
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/Text.h"
 
+#include <cmath>
+#include <cstdio>
 #include <system_error>
 
 namespace quorlin {
@@ -38,6 +40,8 @@ std::string describe(Kind kind, const std::string& a, const std::string& b, cons
         return step + "bundled block " + b + " couldn't find file: " + c;
     case Kind::invalidBlockManifest:
         return "Invalid block manifest: " + a + " (" + b + ")";
+    case Kind::invalidTimeout:
+        return step + "has a time-out of " + b + " seconds; it must be a number above 0";
     }
     return a;
 }
@@ -111,6 +115,27 @@ void checkInputsAndOutputs(const FlowStep& step, const BlockDefinition& block) {
     }
 }
 
+// A time-out must end a script some time: NaN, infinity, zero and negative numbers are
+// refused here rather than meeting the script runner.
+void checkTimeout(const FlowStep& step, std::optional<double> seconds) {
+    if (seconds && !(std::isfinite(*seconds) && *seconds > 0)) {
+        char written[32];
+        std::snprintf(written, sizeof written, "%g", *seconds);
+        throw WorkflowBlockValidationError(Kind::invalidTimeout, step.id, written);
+    }
+}
+
+// The step's own time-outs; a value that is not a number is passed over at run time too.
+void checkStepTimeouts(const FlowStep& step) {
+    for (const auto* map : {&step.config, &step.action}) {
+        if (*map) {
+            if (const auto found = (*map)->find("timeout_seconds"); found != (*map)->end()) {
+                checkTimeout(step, found->second.timeIntervalValue());
+            }
+        }
+    }
+}
+
 void checkDefinition(const FlowStep& step, const BlockReference& reference,
                      const BlockDefinition& block, BlockDefinitionSource source,
                      const std::filesystem::path& bundleDirectory) {
@@ -129,6 +154,9 @@ void checkDefinition(const FlowStep& step, const BlockReference& reference,
     }
     checkHandlerType(step, block);
     checkInputsAndOutputs(step, block);
+    if (block.execution) {
+        checkTimeout(step, block.execution->timeoutSeconds);
+    }
     if (source == BlockDefinitionSource::bundled) {
         checkBundledFiles(step, block, bundleDirectory);
     }
@@ -150,6 +178,7 @@ WorkflowBlockValidator::validate(const WorkflowDocument& document,
                                  const std::filesystem::path& bundleDirectory) const {
     std::vector<WorkflowBlockResolution> resolutions;
     for (const auto& step : document.flow.steps) {
+        checkStepTimeouts(step);
         if (auto resolution = resolve(step, bundleDirectory)) {
             resolutions.push_back(std::move(*resolution));
         }

@@ -26,7 +26,8 @@ public:
         unknownOutput,        // stepID, blockID, output
         invalidBundledPath,   // stepID, blockID, path
         missingBundledPath,   // stepID, blockID, path
-        invalidBlockManifest  // path, message
+        invalidBlockManifest, // path, message
+        invalidTimeout        // stepID, seconds as written
     };
 
     // The payload in the order listed beside each kind; unused ones stay empty.

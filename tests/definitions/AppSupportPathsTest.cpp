@@ -23,6 +23,11 @@ TEST(AppSupportPaths, RootComesFromTheOverrideThenXdgThenHome) {
         EXPECT_EQ(AppSupportPaths::fromEnvironment().root(), home.path() / "custom");
     }
     {
+        ScopedEnvironment root("QUORLIN_APP_SUPPORT_ROOT", "relative/root");
+        EXPECT_EQ(AppSupportPaths::fromEnvironment().root(),
+                  std::filesystem::current_path() / "relative/root");
+    }
+    {
         ScopedEnvironment root("QUORLIN_APP_SUPPORT_ROOT", "   ");
         ScopedEnvironment xdg("XDG_DATA_HOME", (home.path() / "xdg").string());
         EXPECT_EQ(AppSupportPaths::fromEnvironment().root(), home.path() / "xdg" / "Quorlin");
