@@ -11,6 +11,9 @@
 #include "core/foundation/Text.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <optional>
+#include <utility>
 #include <system_error>
 
 namespace quorlin {
@@ -30,6 +33,27 @@ constexpr std::string_view macMetadataFolder = "__MACOSX";
 bool isPlainFolderName(std::string_view name) {
     const auto valid = validRelativePackagePath(name);
     return valid && valid->find('/') == std::string::npos && *valid != "active.json";
+}
+
+// Why an id or version can't name a plugin, if it can't: it becomes a folder name and is
+// shown to people, so it is printable, has no white space at either end, and is short.
+std::optional<std::string> nameProblem(std::string_view value) {
+    constexpr std::size_t longest = 128;
+    for (std::size_t offset = 0; offset < value.size();) {
+        const char32_t character = decodeCodePoint(value, offset);
+        if (character < 0x20 || (character >= 0x7F && character < 0xA0)) {
+            char code[16];
+            std::snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(character));
+            return std::string("contains a control character (") + code + ")";
+        }
+    }
+    if (trimmed(value) != value) {
+        return "begins or ends with white space";
+    }
+    if (value.size() > longest) {
+        return "is longer than " + std::to_string(longest) + " bytes";
+    }
+    return std::nullopt;
 }
 
 bool isMacMetadata(std::string_view name) {
@@ -178,6 +202,13 @@ WorkflowDocument WorkflowInstaller::validateManifest(const WorkflowPluginManifes
     }
     if (trimmed(plugin.version).empty()) {
         throw WorkflowInstallerError(Kind::invalidManifest, "plugin.version cannot be empty");
+    }
+    for (const auto& [field, value] : {std::pair{"plugin.id", &plugin.id},
+                                       std::pair{"plugin.version", &plugin.version}}) {
+        if (const auto problem = nameProblem(*value)) {
+            throw WorkflowInstallerError(Kind::invalidManifest,
+                                         std::string(field) + " " + *problem);
+        }
     }
     if (!isPlainFolderName(plugin.id)) {
         throw WorkflowInstallerError(Kind::invalidManifest,

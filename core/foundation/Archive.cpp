@@ -170,9 +170,10 @@ private:
             }
         }
         // Keep the modes, but make sure the owner can always finish unpacking and remove
-        // the result again; set-id and sticky bits have no business in a package.
+        // the result again. Set-id and sticky bits have no business in an archive, and
+        // nobody but the owner may change what was unpacked.
         const mode_t owner = type == ArchiveEntryInfo::Type::directory ? 0700 : 0600;
-        archive_entry_set_perm(entry, (archive_entry_perm(entry) & 0777) | owner);
+        archive_entry_set_perm(entry, (archive_entry_perm(entry) & 0755) | owner);
         if (archive_write_header(writer_.get(), entry) < ARCHIVE_WARN) {
             fail(ArchiveError::Kind::writeFailed, name + ": " + errorText(writer_.get()),
                  destination_);

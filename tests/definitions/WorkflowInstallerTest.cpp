@@ -70,6 +70,11 @@ public:
         for (const auto& removed : spec_.value("remove", nlohmann::json::array())) {
             fs::remove(bundle_ / removed.get<std::string>());
         }
+        const auto modes = spec_.value("modes", nlohmann::json::object());
+        for (const auto& [path, mode] : modes.items()) {
+            fs::permissions(bundle_ / path,
+                            static_cast<fs::perms>(std::stoul(mode.get<std::string>(), nullptr, 8)));
+        }
         writeListing();
         const auto tampered = spec_.value("after_listing", nlohmann::json::object());
         for (const auto& [path, text] : tampered.items()) {
@@ -192,6 +197,14 @@ TEST_P(WorkflowInstallerPackageCase, InstallsOrRefusesWithTheExactWords) {
         EXPECT_EQ(relativeFiles(result.installDirectory),
                   (std::vector<std::string>{"checksums.sha256", "flow.yaml", "manifest.yaml",
                                             "scripts/hello.py"}));
+        // Whatever modes the package carried, only the owner may change what it installed.
+        for (const auto& file : relativeFiles(result.installDirectory)) {
+            const auto perms = fs::status(result.installDirectory / file).permissions();
+            EXPECT_EQ(perms & (fs::perms::group_write | fs::perms::others_write |
+                               fs::perms::set_uid | fs::perms::set_gid),
+                      fs::perms::none)
+                << file;
+        }
         const auto record = decodeWorkflowActivationRecord(
             readFile(paths.bundlesDirectory() / result.flowID / "active.json"));
         EXPECT_EQ(record.flowID, result.flowID);
