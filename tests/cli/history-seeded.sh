@@ -118,6 +118,18 @@ usage: quorlin history [--flow <id>] [--status <word>] [--limit N] [--json | --c
        quorlin history show <run-id> [--json]
 EOF
 
+# Bytes that are not UTF-8, written into the database behind the store's back, still
+# leave every JSON the history prints readable as JSON.
+sqlite3 "$root/quorlin.sqlite" "UPDATE audit_runs SET flow_name = CAST(X'48FF49' AS TEXT);
+    UPDATE audit_step_records SET input_json = CAST(X'7B2261223A2248FF227D' AS TEXT);"
+for words in "history --json" "history show 1111 --json"; do
+    # shellcheck disable=SC2086
+    if ! "$quorlin" $words | python3 -c 'import json, sys; json.load(sys.stdin)'; then
+        echo "quorlin $words printed something that is not JSON"
+        failures=$((failures + 1))
+    fi
+done
+
 # A corrupt legacy file beside an empty database: reported on every call, never removed.
 rm -f "$root/quorlin.sqlite"
 printf '{"runs": [{"flowID": 7}]}' >"$root/audit-log.json"
