@@ -5,8 +5,9 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
+#include <cstdint>
+#include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -32,6 +33,15 @@ private:
     int descriptor_;
 };
 
+// "16 MiB" where the size is a whole number of them, else bytes.
+std::string byteSize(std::size_t bytes) {
+    constexpr std::size_t mebibyte = std::size_t{1} << 20U;
+    if (bytes >= mebibyte && bytes % mebibyte == 0) {
+        return std::to_string(bytes / mebibyte) + " MiB";
+    }
+    return std::to_string(bytes) + " bytes";
+}
+
 void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {
     while (!bytes.empty()) {
         const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
@@ -47,17 +57,47 @@ void writeAll(int descriptor, std::string_view bytes, const std::filesystem::pat
 
 } // namespace
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+std::string readFile(const std::filesystem::path& path, std::size_t maxBytes) {
+    // Non-blocking, so that opening a pipe nobody writes to returns at once; the check
+    // below then refuses it.
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() < 0) {
         throw FileError(FileError::Kind::readFailed, path, std::strerror(errno));
     }
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (in.bad()) {
-        throw FileError(FileError::Kind::readFailed, path, "read error");
+    struct stat info {};
+    if (::fstat(file.get(), &info) != 0) {
+        throw FileError(FileError::Kind::readFailed, path, std::strerror(errno));
     }
-    return std::move(content).str();
+    if (!S_ISREG(info.st_mode)) {
+        throw FileError(FileError::Kind::readFailed, path, "it is not a regular file");
+    }
+    const auto tooLarge = [&] {
+        return FileError(FileError::Kind::readFailed, path,
+                         "it is larger than " + byteSize(maxBytes));
+    };
+    if (static_cast<std::uintmax_t>(info.st_size) > maxBytes) {
+        throw tooLarge();
+    }
+    std::string content;
+    content.reserve(static_cast<std::size_t>(info.st_size));
+    char buffer[64 * 1024];
+    while (true) {
+        const ssize_t count = ::read(file.get(), buffer, sizeof buffer);
+        if (count < 0) {
+            if (errno == EINTR || errno == EAGAIN) {
+                continue;
+            }
+            throw FileError(FileError::Kind::readFailed, path, std::strerror(errno));
+        }
+        if (count == 0) {
+            return content;
+        }
+        // The file may have grown since it was measured.
+        if (content.size() + static_cast<std::size_t>(count) > maxBytes) {
+            throw tooLarge();
+        }
+        content.append(buffer, static_cast<std::size_t>(count));
+    }
 }
 
 void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {

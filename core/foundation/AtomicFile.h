@@ -2,14 +2,21 @@
 
 #include "core/foundation/FileError.h"
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <string_view>
 
 namespace quorlin {
 
-// Reads a whole file as bytes.
-std::string readFile(const std::filesystem::path& path);
+// What readFile takes at most unless told otherwise: far above any document a person
+// writes, far below what would hurt to hold.
+inline constexpr std::size_t defaultReadLimit = std::size_t{16} << 20U;
+
+// Reads a whole regular file as bytes. Anything else (a folder, a device such as
+// /dev/zero, a pipe) and a file over maxBytes throw FileError saying so, before much is
+// read.
+std::string readFile(const std::filesystem::path& path, std::size_t maxBytes = defaultReadLimit);
 
 // Replaces the file's content in one step: a sibling temp file is written and synced,
 // then renamed over the target, so a reader sees the old content or the new, never half.

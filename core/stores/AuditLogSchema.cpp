@@ -99,7 +99,9 @@ void importLegacyAuditLog(const std::filesystem::path& databasePath,
         if (countRuns(database) != 0) {
             return;
         }
-        const auto document = decodeAuditLogDocumentJson(readFile(legacyPath));
+        // Years of history may be far larger than a document a person writes.
+        const auto document =
+            decodeAuditLogDocumentJson(readFile(legacyPath, std::size_t{1} << 30U));
         AuditRunWriter writer(database);
         for (const auto& run : document.runs) {
             writer.insert(run);

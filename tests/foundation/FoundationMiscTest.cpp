@@ -7,6 +7,9 @@
 #include "tests/support/TemporaryDirectory.h"
 
 #include <regex>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -72,6 +75,36 @@ TEST(AtomicFile, FailuresNameTheFile) {
     EXPECT_THROW(readFile(missing), FileError);
     directory.write("blocker", "a file where a folder should go");
     EXPECT_THROW(createDirectories(directory.path() / "blocker" / "sub"), FileError);
+}
+
+TEST(AtomicFile, ReadsOnlyRegularFilesUpToTheLimit) {
+    testing::TemporaryDirectory directory;
+    directory.write("ten.txt", "0123456789");
+    const auto fifo = directory.path() / "pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(readFile(directory.path() / "ten.txt", 10), "0123456789");
+
+    struct Refusal {
+        std::filesystem::path path;
+        std::size_t limit;
+        std::string reason;
+    };
+    const std::vector<Refusal> refusals{
+        {"/dev/zero", defaultReadLimit, "it is not a regular file"},
+        {fifo, defaultReadLimit, "it is not a regular file"}, // and does not wait for a writer
+        {directory.path(), defaultReadLimit, "it is not a regular file"},
+        {directory.path() / "ten.txt", 9, "it is larger than 9 bytes"},
+        {directory.path() / "ten.txt", 0, "it is larger than 0 bytes"},
+    };
+    for (const auto& refusal : refusals) {
+        try {
+            readFile(refusal.path, refusal.limit);
+            ADD_FAILURE() << refusal.path << " was read";
+        } catch (const FileError& error) {
+            EXPECT_EQ(error.what(), "Could not read " + refusal.path.string() + ": " +
+                                        refusal.reason);
+        }
+    }
 }
 
 TEST(Json, ParseErrorsAreJsonErrorsAndDumpsNeverThrow) {
