@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <optional>
-#include <utility>
 #include <system_error>
+#include <utility>
 
 namespace quorlin {
 
@@ -203,8 +203,8 @@ WorkflowDocument WorkflowInstaller::validateManifest(const WorkflowPluginManifes
     if (trimmed(plugin.version).empty()) {
         throw WorkflowInstallerError(Kind::invalidManifest, "plugin.version cannot be empty");
     }
-    for (const auto& [field, value] : {std::pair{"plugin.id", &plugin.id},
-                                       std::pair{"plugin.version", &plugin.version}}) {
+    for (const auto& [field, value] :
+         {std::pair{"plugin.id", &plugin.id}, std::pair{"plugin.version", &plugin.version}}) {
         if (const auto problem = nameProblem(*value)) {
             throw WorkflowInstallerError(Kind::invalidManifest,
                                          std::string(field) + " " + *problem);

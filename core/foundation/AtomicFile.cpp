@@ -3,9 +3,9 @@
 #include "core/foundation/Uuid.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
-#include <cstdint>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>

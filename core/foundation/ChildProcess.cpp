@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <initializer_list>
 #include <poll.h>
 #include <string_view>
 #include <system_error>
@@ -33,13 +34,19 @@ std::optional<Clock::time_point> deadlineFrom(const ChildProcessRequest& request
     return launch + std::chrono::duration_cast<Clock::duration>(bounded);
 }
 
-int pollTimeout(const std::optional<Clock::time_point>& deadline, bool haveExitNotice) {
+// How long poll may sleep: until the nearest of the deadlines, or for ever.
+int pollTimeout(std::initializer_list<std::optional<Clock::time_point>> deadlines,
+                bool haveExitNotice) {
     // Without a pidfd nothing wakes us when the child exits, so look every 100 ms.
     int limit = haveExitNotice ? -1 : 100;
-    if (deadline) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
-        const auto clamped = std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, INT_MAX);
-        limit = limit < 0 ? static_cast<int>(clamped) : std::min(limit, static_cast<int>(clamped));
+    for (const auto& deadline : deadlines) {
+        if (deadline) {
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
+            const auto clamped = static_cast<int>(
+                std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, INT_MAX));
+            limit = limit < 0 ? clamped : std::min(limit, clamped);
+        }
     }
     return limit;
 }
@@ -107,7 +114,9 @@ ChildProcessResult runChildProcess(const ChildProcessRequest& request,
             {wake.readEnd.get(), POLLIN, 0},
             {child->exitNotice().get(), POLLIN, 0},
         }}; // poll skips negative descriptors: closed pipes and a missing pidfd
-        if (::poll(watched.data(), watched.size(), pollTimeout(deadline, haveExitNotice)) < 0) {
+        child->killIfDue();
+        const int timeout = pollTimeout({deadline, child->killDue()}, haveExitNotice);
+        if (::poll(watched.data(), watched.size(), timeout) < 0) {
             if (errno == EINTR) {
                 continue;
             }

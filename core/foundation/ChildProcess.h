@@ -35,14 +35,18 @@ struct ChildProcessResult {
 // Runs one child process to its end. stdin is fed and stdout/stderr are drained at the
 // same time, so neither a large input nor a chatty child can deadlock the pair.
 //
-// A stop request sends SIGTERM once and keeps waiting for the child to go away (or for
-// the time limit). On time-out the child gets SIGTERM and the call throws
-// ChildProcessError(timedOut) at once, without waiting; the child is reaped in the
-// background. A child that exits without reading its stdin is not an error.
+// The child leads a process group of its own, and everything it starts stays in it
+// unless it leaves on purpose. A stop request sends SIGTERM to the group once and keeps
+// waiting for the child to go away (or for the time limit); a group still there three
+// seconds after SIGTERM gets SIGKILL. On time-out the group gets SIGTERM and the call
+// throws ChildProcessError(timedOut) at once, without waiting; the group is killed and
+// the child reaped in the background. When the child exits, whatever is left of its group
+// is killed: a step leaves no process behind. The child also gets SIGKILL when the thread
+// that started it dies, so a killed application does not leave it running.
+// A child that exits without reading its stdin is not an error.
 //
-// The call ends when the child exits: output its own children write afterwards through
-// inherited pipes is not collected. The child gets only its three standard streams, no
-// blocked signals and default signal actions. Safe to call from many threads at once.
+// The child gets only its three standard streams, no blocked signals and default signal
+// actions. Safe to call from many threads at once.
 ChildProcessResult runChildProcess(const ChildProcessRequest& request,
                                    const std::stop_token& stopToken = {});
 

@@ -3,9 +3,12 @@
 #include "core/foundation/ChildProcessError.h"
 
 #include <cerrno>
+#include <chrono>
+#include <linux/close_range.h>
+#include <optional>
 #include <signal.h>
-#include <spawn.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -20,18 +23,54 @@ namespace {
 
 using Kind = ChildProcessError::Kind;
 
+// Waits for the child to exit without reaping it, up to the deadline when one is given;
+// true once it has exited.
+bool waitForExit(pid_t pid, std::optional<std::chrono::steady_clock::time_point> deadline) {
+    while (true) {
+        siginfo_t info{};
+        const int flags = WEXITED | WNOWAIT | (deadline ? WNOHANG : 0);
+        if (::waitid(P_PID, static_cast<id_t>(pid), &info, flags) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return true; // nothing left to wait for
+        }
+        if (info.si_pid != 0) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= *deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+// The child has exited (it is a zombie, so its group id is still its own): whatever is
+// left of its group goes with it, then it is reaped.
+int killGroupAndReap(pid_t pid) {
+    ::kill(-pid, SIGKILL);
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+// For a child that was sent SIGTERM and is no longer waited for: the grace period,
+// then SIGKILL for the whole group, then the reaping, so no zombie and no process of
+// its group stays behind.
 void reapInBackground(pid_t pid) noexcept {
     const auto reap = [pid] {
-        int status = 0;
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        if (!waitForExit(pid, std::chrono::steady_clock::now() + terminationGrace)) {
+            ::kill(-pid, SIGKILL);
         }
+        killGroupAndReap(pid);
     };
     try {
         std::thread(reap).detach();
     } catch (const std::system_error&) {
-        // No thread to spare: end the child outright and reap it here, so no zombie stays.
-        ::kill(pid, SIGKILL);
-        reap();
+        // No thread to spare: end the group outright and reap it here.
+        ::kill(-pid, SIGKILL);
+        killGroupAndReap(pid);
     }
 }
 
@@ -44,44 +83,6 @@ int exitCodeFromStatus(int status) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-class SpawnFileActions {
-public:
-    SpawnFileActions() {
-        if (const int error = ::posix_spawn_file_actions_init(&actions_); error != 0) {
-            throw std::system_error(error, std::generic_category());
-        }
-    }
-    ~SpawnFileActions() { ::posix_spawn_file_actions_destroy(&actions_); }
-    SpawnFileActions(const SpawnFileActions&) = delete;
-    SpawnFileActions& operator=(const SpawnFileActions&) = delete;
-    posix_spawn_file_actions_t* get() { return &actions_; }
-
-private:
-    posix_spawn_file_actions_t actions_{};
-};
-
-class SpawnAttributes {
-public:
-    SpawnAttributes() {
-        if (const int error = ::posix_spawnattr_init(&attributes_); error != 0) {
-            throw std::system_error(error, std::generic_category());
-        }
-    }
-    ~SpawnAttributes() { ::posix_spawnattr_destroy(&attributes_); }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-    posix_spawnattr_t* get() { return &attributes_; }
-
-private:
-    posix_spawnattr_t attributes_{};
-};
-
-void check(int error) {
-    if (error != 0) {
-        throw std::system_error(error, std::generic_category());
-    }
-}
-
 std::string checkedCString(const std::string& text, const std::filesystem::path& executable) {
     if (text.find('\0') != std::string::npos) {
         throw ChildProcessError(Kind::launchFailed, executable,
@@ -90,8 +91,8 @@ std::string checkedCString(const std::string& text, const std::filesystem::path&
     return text;
 }
 
-// Why a launch failed. posix_spawn reports a bad working directory with the same codes as a
-// bad executable, so the directory is looked at again to name the right culprit.
+// Why a launch failed. chdir and exec fail with the same codes for a bad working directory
+// as for a bad executable, so the directory is looked at again to name the right culprit.
 std::string launchFailureReason(int error, const ChildProcessRequest& request) {
     if (request.workingDirectory) {
         struct stat info {};
@@ -110,6 +111,55 @@ std::string launchFailureReason(int error, const ChildProcessRequest& request) {
         }
     }
     return systemReason(error);
+}
+
+// What the forked child needs, all prepared before the fork: after it only
+// async-signal-safe calls are allowed, since the child is a copy of a threaded process.
+struct ChildSetup {
+    const char* program;
+    char* const* argv;
+    char* const* envp;
+    const char* workingDirectory; // null: stay where we are
+    int input;
+    int output;
+    int errors;
+    int report;
+    pid_t parent;
+};
+
+[[noreturn]] void failChild(int report) {
+    const int error = errno;
+    [[maybe_unused]] const auto ignored = ::write(report, &error, sizeof error);
+    ::_exit(127);
+}
+
+[[noreturn]] void startChild(const ChildSetup& setup) {
+    // Default actions for every signal: no handler or ignored signal of ours carries over.
+    struct sigaction defaults {};
+    defaults.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        ::sigaction(signal, &defaults, nullptr); // fails harmlessly for SIGKILL and SIGSTOP
+    }
+    // A group of its own, so a time-out or a cancel reaches whatever it starts too; and it
+    // dies with the thread that started it, should the application be killed outright.
+    ::setpgid(0, 0);
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != setup.parent) {
+        ::_exit(127); // the parent is already gone: nobody waits for this child
+    }
+    if (::dup2(setup.input, STDIN_FILENO) < 0 || ::dup2(setup.output, STDOUT_FILENO) < 0 ||
+        ::dup2(setup.errors, STDERR_FILENO) < 0) {
+        failChild(setup.report);
+    }
+    // Descriptors some library opened without close-on-exec must not reach the program.
+    ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    if (setup.workingDirectory != nullptr && ::chdir(setup.workingDirectory) != 0) {
+        failChild(setup.report);
+    }
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::execve(setup.program, setup.argv, setup.envp);
+    failChild(setup.report);
 }
 
 } // namespace
@@ -147,35 +197,44 @@ pid_t spawn(const ChildProcessRequest& request, const Pipe& input, const Pipe& o
     auto argv = pointers(arguments);
     auto envp = pointers(environment);
 
-    SpawnFileActions actions;
-    check(::posix_spawn_file_actions_adddup2(actions.get(), input.readEnd.get(), STDIN_FILENO));
-    check(::posix_spawn_file_actions_adddup2(actions.get(), output.writeEnd.get(), STDOUT_FILENO));
-    check(::posix_spawn_file_actions_adddup2(actions.get(), errors.writeEnd.get(), STDERR_FILENO));
-    // Descriptors some library opened without close-on-exec must not reach the child either.
-    check(::posix_spawn_file_actions_addclosefrom_np(actions.get(), STDERR_FILENO + 1));
-    if (request.workingDirectory) {
-        check(::posix_spawn_file_actions_addchdir_np(actions.get(),
-                                                     request.workingDirectory->c_str()));
-    }
-
-    // The child starts with no blocked signals and default actions: it must not inherit
-    // our blocked SIGPIPE, nor any signal the application chose to ignore.
-    SpawnAttributes attributes;
-    sigset_t none;
+    // The child reports why it could not start through this pipe; close-on-exec makes a
+    // successful exec close it, so end of file means the program runs.
+    Pipe report = makePipe();
+    const ChildSetup setup{program.c_str(),
+                           argv.data(),
+                           envp.data(),
+                           request.workingDirectory ? request.workingDirectory->c_str() : nullptr,
+                           input.readEnd.get(),
+                           output.writeEnd.get(),
+                           errors.writeEnd.get(),
+                           report.writeEnd.get(),
+                           ::getpid()};
+    // Every signal stays blocked across fork, so none reaches the child before it has
+    // reset its handlers.
     sigset_t all;
-    ::sigemptyset(&none);
+    sigset_t previous;
     ::sigfillset(&all);
-    check(::posix_spawnattr_setflags(attributes.get(),
-                                     POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
-    check(::posix_spawnattr_setsigmask(attributes.get(), &none));
-    check(::posix_spawnattr_setsigdefault(attributes.get(), &all));
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        startChild(setup);
+    }
+    const int forkError = errno;
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (pid < 0) {
+        throw ChildProcessError(Kind::launchFailed, executable, systemReason(forkError));
+    }
+    report.writeEnd.reset();
 
-    pid_t pid = 0;
-    if (const int error = ::posix_spawn(&pid, program.c_str(), actions.get(), attributes.get(),
-                                        argv.data(), envp.data());
-        error != 0) {
+    int childError = 0;
+    ssize_t count = 0;
+    while ((count = ::read(report.readEnd.get(), &childError, sizeof childError)) < 0 &&
+           errno == EINTR) {
+    }
+    if (count > 0) {
+        killGroupAndReap(pid);
         throw ChildProcessError(Kind::launchFailed, executable,
-                                launchFailureReason(error, request));
+                                launchFailureReason(childError, request));
     }
     return pid;
 }
@@ -190,26 +249,44 @@ RunningChild::~RunningChild() {
 }
 
 void RunningChild::terminate() {
-    if (!terminated_) {
-        terminated_ = true;
-        ::kill(pid_, SIGTERM);
+    if (!terminatedAt_) {
+        terminatedAt_ = std::chrono::steady_clock::now();
+        ::kill(-pid_, SIGTERM);
+    }
+}
+
+std::optional<std::chrono::steady_clock::time_point> RunningChild::killDue() const {
+    if (!terminatedAt_ || killed_) {
+        return std::nullopt;
+    }
+    return *terminatedAt_ + terminationGrace;
+}
+
+void RunningChild::killIfDue() {
+    if (const auto due = killDue(); due && std::chrono::steady_clock::now() >= *due) {
+        killed_ = true;
+        ::kill(-pid_, SIGKILL);
     }
 }
 
 std::optional<int> RunningChild::reap(bool block, const std::filesystem::path& executable) {
-    int status = 0;
-    pid_t result = 0;
-    while ((result = ::waitpid(pid_, &status, block ? 0 : WNOHANG)) < 0 && errno == EINTR) {
+    siginfo_t info{};
+    int result = 0;
+    while ((result = ::waitid(P_PID, static_cast<id_t>(pid_), &info,
+                              WEXITED | WNOWAIT | (block ? 0 : WNOHANG))) < 0 &&
+           errno == EINTR) {
     }
-    if (result == 0) {
-        return std::nullopt;
-    }
-    reaped_ = true;
     if (result < 0) { // ECHILD: someone else reaped it, e.g. with SIGCHLD ignored
+        reaped_ = true;
         throw ChildProcessError(Kind::ioFailed, executable,
                                 "exit status unavailable: " + systemReason(errno));
     }
-    return exitCodeFromStatus(status);
+    if (info.si_pid == 0) {
+        return std::nullopt;
+    }
+    // The step is over: nothing it started may outlive it.
+    reaped_ = true;
+    return exitCodeFromStatus(killGroupAndReap(pid_));
 }
 
 } // namespace quorlin::child_process

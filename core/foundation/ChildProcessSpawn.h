@@ -6,11 +6,15 @@
 #include "core/foundation/ChildProcess.h"
 #include "core/foundation/ChildProcessPipes.h"
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <sys/types.h>
 
 namespace quorlin::child_process {
+
+// How long a process group has between SIGTERM and SIGKILL.
+inline constexpr std::chrono::seconds terminationGrace{3};
 
 // Starts the request's executable with the pipes' child ends as its stdin, stdout and
 // stderr. Throws ChildProcessError(launchFailed), or std::system_error when the spawn
@@ -30,7 +34,12 @@ public:
     // Readable once the child has exited; not open where the kernel offers no pidfd.
     const FileDescriptor& exitNotice() const { return exitNotice_; }
 
+    // SIGTERM to the child's whole process group, once.
     void terminate();
+    // When SIGKILL follows a SIGTERM the group has not obeyed; nothing before terminate().
+    std::optional<std::chrono::steady_clock::time_point> killDue() const;
+    // SIGKILL to the group once the grace after SIGTERM is over.
+    void killIfDue();
 
     // The exit code if the child has ended; with block, waits for it.
     std::optional<int> reap(bool block, const std::filesystem::path& executable);
@@ -38,7 +47,8 @@ public:
 private:
     pid_t pid_;
     FileDescriptor exitNotice_;
-    bool terminated_ = false;
+    std::optional<std::chrono::steady_clock::time_point> terminatedAt_;
+    bool killed_ = false;
     bool reaped_ = false;
 };
 

@@ -72,8 +72,8 @@ public:
         }
         const auto modes = spec_.value("modes", nlohmann::json::object());
         for (const auto& [path, mode] : modes.items()) {
-            fs::permissions(bundle_ / path,
-                            static_cast<fs::perms>(std::stoul(mode.get<std::string>(), nullptr, 8)));
+            fs::permissions(bundle_ / path, static_cast<fs::perms>(
+                                                std::stoul(mode.get<std::string>(), nullptr, 8)));
         }
         writeListing();
         const auto tampered = spec_.value("after_listing", nlohmann::json::object());

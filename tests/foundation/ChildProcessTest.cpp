@@ -2,6 +2,7 @@
 
 #include "tests/support/TemporaryDirectory.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -291,6 +292,93 @@ TEST(ChildProcessTest, StopTerminatesTheChildAndWaitsForItsExit) {
             EXPECT_FALSE(c.exitCode) << error.what();
             EXPECT_EQ(error.kind(), ChildProcessError::Kind::timedOut);
         }
+    }
+}
+
+// Whether a process still runs: a zombie has ended, whoever is left to reap it.
+bool isRunning(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line) || line.rfind(')') == std::string::npos) {
+        return false;
+    }
+    return line[line.rfind(')') + 2] != 'Z';
+}
+
+// Waits a while for the processes to end; true when none runs any more.
+bool allEnd(const std::vector<pid_t>& pids, std::chrono::seconds patience) {
+    const auto giveUp = Clock::now() + patience;
+    while (Clock::now() < giveUp) {
+        if (std::none_of(pids.begin(), pids.end(), isRunning)) {
+            return true;
+        }
+        std::this_thread::sleep_for(20ms);
+    }
+    return false;
+}
+
+std::vector<pid_t> pidsIn(const std::string& text) {
+    std::istringstream words(text);
+    std::vector<pid_t> pids;
+    for (pid_t pid = 0; words >> pid;) {
+        pids.push_back(pid);
+    }
+    return pids;
+}
+
+TEST(ChildProcessTest, NothingAStepStartedOutlivesIt) {
+    const testing::TemporaryDirectory directory;
+    const auto pidFile = directory.path() / "pids";
+    // Prints its own pid and a background child's into the file, then behaves as told.
+    const auto withChild = [&](const std::string& then, const std::string& childTrap) {
+        return shell(childTrap + "sleep 30 & echo $$ $! > '" + pidFile.string() + "'; " + then);
+    };
+    const auto pidsWritten = [&] {
+        std::ifstream in(pidFile);
+        std::stringstream text;
+        text << in.rdbuf();
+        return pidsIn(text.str());
+    };
+    struct Case {
+        std::string name;
+        ChildProcessRequest request;
+        bool stopWhenStarted;
+        std::optional<int> exitCode; // absent: the time limit ends the call
+    };
+    std::vector<Case> cases{
+        {"succeeds, leaving a child behind", withChild("exit 0", ""), false, 0},
+        {"ignores SIGTERM when stopped", withChild("trap '' TERM; wait", "trap '' TERM; "), true,
+         137},
+        {"ignores SIGTERM past its time-out", withChild("trap '' TERM; wait", "trap '' TERM; "),
+         false, std::nullopt},
+    };
+    cases.back().request.timeout = 1s;
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove(pidFile);
+        std::stop_source source;
+        const std::jthread stopper([&] {
+            const auto giveUp = Clock::now() + 20s;
+            while (c.stopWhenStarted && pidsWritten().size() < 2 && Clock::now() < giveUp) {
+                std::this_thread::sleep_for(10ms);
+            }
+            if (c.stopWhenStarted) {
+                source.request_stop();
+            }
+        });
+        const auto start = Clock::now();
+        try {
+            const auto result = runChildProcess(c.request, source.get_token());
+            EXPECT_EQ(result.exitCode, c.exitCode);
+        } catch (const ChildProcessError& error) {
+            EXPECT_FALSE(c.exitCode) << error.what();
+            EXPECT_EQ(error.kind(), ChildProcessError::Kind::timedOut);
+        }
+        EXPECT_LT(Clock::now() - start, 15s);
+        const auto pids = pidsWritten();
+        ASSERT_EQ(pids.size(), 2u);
+        // SIGKILL follows SIGTERM after a grace of three seconds.
+        EXPECT_TRUE(allEnd(pids, 10s));
     }
 }
 

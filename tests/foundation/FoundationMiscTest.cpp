@@ -9,8 +9,8 @@
 #include <regex>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -101,8 +101,8 @@ TEST(AtomicFile, ReadsOnlyRegularFilesUpToTheLimit) {
             readFile(refusal.path, refusal.limit);
             ADD_FAILURE() << refusal.path << " was read";
         } catch (const FileError& error) {
-            EXPECT_EQ(error.what(), "Could not read " + refusal.path.string() + ": " +
-                                        refusal.reason);
+            EXPECT_EQ(error.what(),
+                      "Could not read " + refusal.path.string() + ": " + refusal.reason);
         }
     }
 }
@@ -159,7 +159,8 @@ TEST(ManualExecutor, StoppedWorkerStopsWaitingForTheMainThread) {
     bool cancelled = false;
     std::thread worker([&] {
         try {
-            callOnMain(executor, [] {}, stop.get_token());
+            callOnMain(
+                executor, [] {}, stop.get_token());
         } catch (const CancellationError&) {
             cancelled = true;
         }
