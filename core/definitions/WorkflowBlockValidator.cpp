@@ -1,6 +1,8 @@
 #include "WorkflowBlockValidator.h"
 
 #include "core/definitions/PackagePath.h"
+#include "core/definitions/WorkflowValueCoding.h"
+#include "core/foundation/Json.h"
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/Text.h"
 
@@ -40,6 +42,8 @@ std::string describe(Kind kind, const std::string& a, const std::string& b, cons
         return step + "bundled block " + b + " couldn't find file: " + c;
     case Kind::invalidBlockManifest:
         return "Invalid block manifest: " + a + " (" + b + ")";
+    case Kind::invalidOutputLimit:
+        return step + "has max_output_bytes " + b + "; it must be a whole number above 0";
     case Kind::invalidTimeout:
         return step + "has a time-out of " + b + " seconds; it must be a number above 0";
     }
@@ -131,6 +135,13 @@ void checkStepTimeouts(const FlowStep& step) {
         if (*map) {
             if (const auto found = (*map)->find("timeout_seconds"); found != (*map)->end()) {
                 checkTimeout(step, found->second.timeIntervalValue());
+            }
+            if (const auto found = (*map)->find("max_output_bytes"); found != (*map)->end()) {
+                const auto* bytes = found->second.integer();
+                if (bytes == nullptr || *bytes <= 0) {
+                    throw WorkflowBlockValidationError(Kind::invalidOutputLimit, step.id,
+                                                       compactJson(toJson(found->second)));
+                }
             }
         }
     }

@@ -27,7 +27,8 @@ public:
         invalidBundledPath,   // stepID, blockID, path
         missingBundledPath,   // stepID, blockID, path
         invalidBlockManifest, // path, message
-        invalidTimeout        // stepID, seconds as written
+        invalidTimeout,       // stepID, seconds as written
+        invalidOutputLimit    // stepID, the value as written
     };
 
     // The payload in the order listed beside each kind; unused ones stay empty.

@@ -60,25 +60,13 @@ bool isMacMetadata(std::string_view name) {
     return name == macMetadataFolder || startsWith(name, std::string(macMetadataFolder) + "/");
 }
 
-// "1 GiB" rather than "1073741824 bytes" where the limit allows.
-std::string byteCount(const std::string& digits) {
-    const auto bytes = std::stoull(digits);
-    for (const auto& [unit, size] :
-         {std::pair{"GiB", 1ULL << 30U}, std::pair{"MiB", 1ULL << 20U}}) {
-        if (bytes >= size && bytes % size == 0) {
-            return std::to_string(bytes / size) + " " + unit;
-        }
-    }
-    return digits + " bytes";
-}
-
 // The archive's limits and failures in the installer's words.
 [[noreturn]] void packageArchiveFailed(const ArchiveError& error, const char* otherwise) {
     switch (error.kind()) {
     case ArchiveError::Kind::tooManyEntries:
         invalidContents("The package holds more than " + error.detail() + " files and folders");
     case ArchiveError::Kind::tooLarge:
-        invalidContents("The package unpacks to more than " + byteCount(error.detail()));
+        invalidContents("The package unpacks to more than " + byteSizeText(std::stoull(error.detail())));
     default:
         invalidContents(otherwise);
     }

@@ -103,6 +103,7 @@ ScriptResult DefaultScriptRunner::run(const ScriptInvocation& invocation,
     request.workingDirectory = invocation.workingDirectory;
     request.standardInput = invocation.inputJSON;
     request.timeout = std::chrono::duration<double>(std::max(0.0, invocation.spec.timeoutSeconds));
+    request.outputLimit = invocation.spec.outputLimitBytes;
 
     const auto launched = std::chrono::steady_clock::now();
     ChildProcessResult finished;
@@ -111,6 +112,10 @@ ScriptResult DefaultScriptRunner::run(const ScriptInvocation& invocation,
     } catch (const ChildProcessError& error) {
         if (error.kind() == ChildProcessError::Kind::timedOut) {
             throw ScriptRunnerError::timedOut(invocation.spec.timeoutSeconds);
+        }
+        if (error.kind() == ChildProcessError::Kind::outputTooLarge) {
+            throw ScriptRunnerError::outputTooLarge(invocation.stepID, error.stream(),
+                                                    error.outputLimit());
         }
         throw;
     }

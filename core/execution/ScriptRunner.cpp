@@ -9,7 +9,7 @@ namespace quorlin {
 namespace {
 
 std::string describe(ScriptRunnerError::Kind kind, const std::string& text, double number,
-                     ScriptRuntime runtime) {
+                     ScriptRuntime runtime, const std::string& stream) {
     using Kind = ScriptRunnerError::Kind;
     switch (kind) {
     case Kind::workflowNotFound:
@@ -33,6 +33,10 @@ std::string describe(ScriptRunnerError::Kind kind, const std::string& text, doub
     }
     case Kind::invalidJSONOutput:
         return "Script output isn't valid JSON: " + text;
+    case Kind::outputTooLarge:
+        return "Step " + text + " wrote more than " +
+               byteSizeText(static_cast<std::uint64_t>(number)) + " to " + stream +
+               "; set max_output_bytes in its config to allow more.";
     }
     return text;
 }
@@ -40,8 +44,15 @@ std::string describe(ScriptRunnerError::Kind kind, const std::string& text, doub
 } // namespace
 
 ScriptRunnerError::ScriptRunnerError(Kind kind, std::string text, double number,
-                                     ScriptRuntime runtime)
-    : Error(describe(kind, text, number, runtime)), kind_(kind), text_(std::move(text)) {}
+                                     ScriptRuntime runtime, const std::string& stream)
+    : Error(describe(kind, text, number, runtime, stream)), kind_(kind), text_(std::move(text)) {}
+
+ScriptRunnerError ScriptRunnerError::outputTooLarge(const std::string& stepID,
+                                                    const std::string& stream,
+                                                    std::size_t limitBytes) {
+    return {Kind::outputTooLarge, stepID, static_cast<double>(limitBytes), ScriptRuntime::python,
+            stream};
+}
 
 ScriptRunnerError ScriptRunnerError::workflowNotFound(const std::string& workflowID) {
     return {Kind::workflowNotFound, workflowID};

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "core/definitions/ScriptRuntime.h"
+#include "core/foundation/ChildProcess.h"
 #include "core/foundation/Error.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -17,10 +19,13 @@ struct ScriptSpec {
     // Relative to the workflow's bundle directory.
     std::string relativePath;
     double timeoutSeconds = 60;
+    // The most kept of stdout and of stderr each; a script that prints more fails.
+    std::size_t outputLimitBytes = defaultChildOutputLimit;
 };
 
 struct ScriptInvocation {
     std::string workflowID;
+    std::string stepID; // for the words of a failure
     ScriptSpec spec;
     std::string inputJSON; // bytes for stdin
     // Laid over the inherited environment.
@@ -44,7 +49,8 @@ public:
         invalidPath,
         timedOut,
         nonZeroExitCode,
-        invalidJSONOutput
+        invalidJSONOutput,
+        outputTooLarge
     };
 
     static ScriptRunnerError workflowNotFound(const std::string& workflowID);
@@ -54,11 +60,15 @@ public:
     static ScriptRunnerError timedOut(double limitSeconds);
     static ScriptRunnerError nonZeroExitCode(std::int32_t code, const std::string& stderrText);
     static ScriptRunnerError invalidJSONOutput(const std::string& stdoutText);
+    static ScriptRunnerError outputTooLarge(const std::string& stepID, const std::string& stream,
+                                            std::size_t limitBytes);
 
-    // text: the workflow id, path, stderr or stdout of the case; number: the time limit
-    // or the exit code; runtime: for runtimeNotFound.
+    // text: the workflow id, path, stderr or stdout of the case, or the step that printed
+    // too much; number: the time limit, the exit code or the output limit; runtime: for
+    // runtimeNotFound; stream: "stdout" or "stderr" for outputTooLarge.
     ScriptRunnerError(Kind kind, std::string text, double number = 0,
-                      ScriptRuntime runtime = ScriptRuntime::python);
+                      ScriptRuntime runtime = ScriptRuntime::python,
+                      const std::string& stream = {});
 
     Kind kind() const { return kind_; }
     const std::string& text() const { return text_; }

@@ -46,6 +46,18 @@ double scriptTimeoutSeconds(const FlowStep& step) {
     return defaultTimeoutSeconds;
 }
 
+// config "max_output_bytes", else action's; the checker has refused anything but a whole
+// number above 0.
+std::size_t scriptOutputLimit(const FlowStep& step) {
+    for (const auto* value :
+         {valueIn(step.config, "max_output_bytes"), valueIn(step.action, "max_output_bytes")}) {
+        if (value != nullptr && value->integer() != nullptr && *value->integer() > 0) {
+            return static_cast<std::size_t>(*value->integer());
+        }
+    }
+    return defaultChildOutputLimit;
+}
+
 ScriptRuntime plainScriptRuntime(const FlowStep& step) {
     if (const auto name = configOrActionString(step, "runtime")) {
         if (const auto runtime = scriptRuntimeFromRawValue(*name)) {
@@ -101,6 +113,7 @@ ScriptResult WorkflowScriptLauncher::launch(const StepContext& context, ScriptSp
     const WorkflowRunRequest& request = context.request;
     ScriptInvocation invocation;
     invocation.workflowID = workflow.id;
+    invocation.stepID = context.step.id;
     invocation.environment =
         scriptEnvironment(paths_, workflow, context.step, spec.runtime, request.settings,
                           request.clientProfile, request.environmentOverrides);
@@ -124,7 +137,8 @@ GenericScriptStepRunResult PlainScriptStepHandler::run(const StepContext& contex
     const auto inputJSON = toJson(input);
     const ScriptResult script = launcher_.launch(
         context,
-        {plainScriptRuntime(step), plainScriptEntrypoint(step), scriptTimeoutSeconds(step)},
+        {plainScriptRuntime(step), plainScriptEntrypoint(step), scriptTimeoutSeconds(step),
+         scriptOutputLimit(step)},
         compactJson(inputJSON));
     const std::string stdoutText = utf8OrEmpty(script.stdoutData);
 
@@ -151,7 +165,8 @@ GenericScriptStepRunResult ScriptBlockStepHandler::run(const StepContext& contex
     const WorkflowBlockResolution& resolution = loaded.blockResolutions.at(step.id);
     const BlockExecutionDefinition& execution = *resolution.definition.execution;
     ScriptSpec spec{blockScriptRuntime(execution, step), blockScriptEntrypoint(execution, step),
-                    execution.timeoutSeconds.value_or(scriptTimeoutSeconds(step))};
+                    execution.timeoutSeconds.value_or(scriptTimeoutSeconds(step)),
+                    scriptOutputLimit(step)};
 
     ScriptBlockInputEnvelope envelope;
     envelope.inputs = resolvedInputs(step.inputs, context.log.stepOutputs);

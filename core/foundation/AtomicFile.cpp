@@ -1,5 +1,6 @@
 #include "AtomicFile.h"
 
+#include "core/foundation/Text.h"
 #include "core/foundation/Uuid.h"
 
 #include <cerrno>
@@ -33,15 +34,6 @@ private:
     int descriptor_;
 };
 
-// "16 MiB" where the size is a whole number of them, else bytes.
-std::string byteSize(std::size_t bytes) {
-    constexpr std::size_t mebibyte = std::size_t{1} << 20U;
-    if (bytes >= mebibyte && bytes % mebibyte == 0) {
-        return std::to_string(bytes / mebibyte) + " MiB";
-    }
-    return std::to_string(bytes) + " bytes";
-}
-
 void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {
     while (!bytes.empty()) {
         const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
@@ -73,7 +65,7 @@ std::string readFile(const std::filesystem::path& path, std::size_t maxBytes) {
     }
     const auto tooLarge = [&] {
         return FileError(FileError::Kind::readFailed, path,
-                         "it is larger than " + byteSize(maxBytes));
+                         "it is larger than " + byteSizeText(maxBytes));
     };
     if (static_cast<std::uintmax_t>(info.st_size) > maxBytes) {
         throw tooLarge();

@@ -51,6 +51,15 @@ int pollTimeout(std::initializer_list<std::optional<Clock::time_point>> deadline
     return limit;
 }
 
+// Past the limit the child is stopped and the call fails; what was read so far is dropped.
+void checkOutputLimit(RunningChild& child, const std::string& captured, const char* stream,
+                      const ChildProcessRequest& request) {
+    if (captured.size() > request.outputLimit) {
+        child.terminate();
+        throw ChildProcessError::outputTooLarge(request.executable, stream, request.outputLimit);
+    }
+}
+
 } // namespace
 
 ChildProcessResult runChildProcess(const ChildProcessRequest& request,
@@ -133,9 +142,11 @@ ChildProcessResult runChildProcess(const ChildProcessRequest& request,
         }
         if (watched[1].revents != 0) {
             readSome(output.readEnd, result.standardOutput, readChunk, executable);
+            checkOutputLimit(*child, result.standardOutput, "stdout", request);
         }
         if (watched[2].revents != 0) {
             readSome(errors.readEnd, result.standardError, readChunk, executable);
+            checkOutputLimit(*child, result.standardError, "stderr", request);
         }
         if (watched[4].revents != 0 || !haveExitNotice) {
             exitCode = child->reap(haveExitNotice, executable);
@@ -143,6 +154,8 @@ ChildProcessResult runChildProcess(const ChildProcessRequest& request,
     }
     takeWhatIsLeft(output.readEnd, result.standardOutput, executable);
     takeWhatIsLeft(errors.readEnd, result.standardError, executable);
+    checkOutputLimit(*child, result.standardOutput, "stdout", request);
+    checkOutputLimit(*child, result.standardError, "stderr", request);
     result.exitCode = *exitCode;
     return result;
 }

@@ -3,6 +3,7 @@
 #include "core/foundation/ChildProcessError.h"
 
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -11,6 +12,8 @@
 #include <vector>
 
 namespace quorlin {
+
+inline constexpr std::size_t defaultChildOutputLimit = std::size_t{16} << 20U;
 
 // What to start: the executable, its arguments (argv[0] is the executable's path and is
 // added by the runner), the child's complete environment, and the bytes for its stdin.
@@ -22,6 +25,8 @@ struct ChildProcessRequest {
     std::string standardInput;
     // Absent: no limit.
     std::optional<std::chrono::duration<double>> timeout;
+    // The most kept of stdout and of stderr each; a child that writes more is stopped.
+    std::size_t outputLimit = defaultChildOutputLimit;
 };
 
 struct ChildProcessResult {
@@ -43,7 +48,10 @@ struct ChildProcessResult {
 // the child reaped in the background. When the child exits, whatever is left of its group
 // is killed: a step leaves no process behind. The child also gets SIGKILL when the thread
 // that started it dies, so a killed application does not leave it running.
-// A child that exits without reading its stdin is not an error.
+// A child that writes more than its output limit to stdout or to stderr is terminated as
+// on time-out, and the call throws ChildProcessError(outputTooLarge) at once, so memory
+// stays bounded whatever it prints. A child that exits without reading its stdin is not
+// an error.
 //
 // The child gets only its three standard streams, no blocked signals and default signal
 // actions. Safe to call from many threads at once.

@@ -1,5 +1,7 @@
 #include "ChildProcessError.h"
 
+#include "core/foundation/Text.h"
+
 #include <locale>
 #include <sstream>
 
@@ -25,6 +27,8 @@ std::string composeMessage(Kind kind, const std::filesystem::path& executable,
         return executable.string() + " timed out after " + formatSeconds(timeout.count()) + "s";
     case Kind::ioFailed:
         return "Could not exchange data with " + executable.string() + ": " + detail;
+    case Kind::outputTooLarge:
+        return executable.string() + " wrote more than " + detail;
     }
     return executable.string() + ": " + detail;
 }
@@ -35,5 +39,14 @@ ChildProcessError::ChildProcessError(Kind kind, const std::filesystem::path& exe
                                      const std::string& detail,
                                      std::chrono::duration<double> timeout)
     : Error(composeMessage(kind, executable, detail, timeout)), kind_(kind), timeout_(timeout) {}
+
+ChildProcessError ChildProcessError::outputTooLarge(const std::filesystem::path& executable,
+                                                    const std::string& stream, std::size_t limit) {
+    ChildProcessError error(Kind::outputTooLarge, executable,
+                            byteSizeText(limit) + " to " + stream);
+    error.stream_ = stream;
+    error.outputLimit_ = limit;
+    return error;
+}
 
 } // namespace quorlin

@@ -1,5 +1,7 @@
 #include "Text.h"
 
+#include <utility>
+
 #include <utf8proc.h>
 
 namespace quorlin {
@@ -130,6 +132,16 @@ bool startsWith(std::string_view text, std::string_view prefix) {
 
 bool endsWith(std::string_view text, std::string_view suffix) {
     return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
+}
+
+std::string byteSizeText(std::uint64_t bytes) {
+    for (const auto& [unit, size] :
+         {std::pair{"GiB", std::uint64_t{1} << 30U}, std::pair{"MiB", std::uint64_t{1} << 20U}}) {
+        if (bytes >= size && bytes % size == 0) {
+            return std::to_string(bytes / size) + " " + unit;
+        }
+    }
+    return std::to_string(bytes) + " bytes";
 }
 
 } // namespace quorlin

@@ -28,6 +28,10 @@ char32_t decodeCodePoint(std::string_view text, std::size_t& offset);
 void appendCodePoint(std::string& out, char32_t codePoint);
 
 bool startsWith(std::string_view text, std::string_view prefix);
+
+// A size for people: "16 MiB" or "1 GiB" where it is a whole number of them, else
+// "1234 bytes".
+std::string byteSizeText(std::uint64_t bytes);
 bool endsWith(std::string_view text, std::string_view suffix);
 
 } // namespace quorlin

@@ -194,6 +194,10 @@ TEST_F(GenericScriptWorkflowServiceTest, StepProblemsFailThroughTheFailurePath) 
         {"    - id: s\n      name: S\n      type: script-run\n      action:\n        runtime: "
          "node\n",
          "Missing entrypoint for step s"},
+        {"    - id: loud\n      name: Loud\n      type: script-run\n      config: {runtime: "
+         "python, entrypoint: print_json.py, max_output_bytes: 10}\n",
+         "Step loud wrote more than 10 bytes to stdout; set max_output_bytes in its config to "
+         "allow more."},
     };
     for (const auto& [step, expected] : cases) {
         writeFlow(scriptStep("before", "print_json.py") + step);

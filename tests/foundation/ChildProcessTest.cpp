@@ -382,6 +382,37 @@ TEST(ChildProcessTest, NothingAStepStartedOutlivesIt) {
     }
 }
 
+TEST(ChildProcessTest, OutputPastTheLimitStopsTheChildWithItsStreamNamed) {
+    struct Case {
+        std::string script;
+        std::size_t limit;
+        std::optional<std::string> failure; // absent: the run succeeds
+    };
+    const std::vector<Case> cases{
+        {"head -c 4096 /dev/zero", 4096, std::nullopt},
+        {"head -c 4097 /dev/zero", 4096, "/bin/sh wrote more than 4096 bytes to stdout"},
+        {"head -c 70000 /dev/zero >&2", 65536, "/bin/sh wrote more than 65536 bytes to stderr"},
+        // Prints for ever: memory stays bounded and the call ends.
+        {"exec yes", std::size_t{1} << 20U, "/bin/sh wrote more than 1 MiB to stdout"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.script);
+        auto request = shell(c.script);
+        request.outputLimit = c.limit;
+        const auto start = Clock::now();
+        try {
+            const auto result = runChildProcess(request);
+            EXPECT_FALSE(c.failure);
+            EXPECT_EQ(result.standardOutput.size(), c.limit);
+        } catch (const ChildProcessError& error) {
+            ASSERT_TRUE(c.failure) << error.what();
+            EXPECT_EQ(error.kind(), ChildProcessError::Kind::outputTooLarge);
+            EXPECT_EQ(error.what(), *c.failure);
+        }
+        EXPECT_LT(Clock::now() - start, 10s);
+    }
+}
+
 TEST(ChildProcessTest, ParallelRunsStayApartAndLeakNoDescriptors) {
     // A descriptor the application left inheritable still must not reach a child.
     const int inheritable = ::open("/dev/null", O_RDONLY);
