@@ -246,6 +246,7 @@ int runCommand(const Arguments& arguments) {
     const WorkflowBundleLocator locator(resources, paths);
     const WorkflowLoader loader(locator);
     auto auditStore = std::make_shared<AuditLogStore>(paths);
+    auditStore->checkWritable();
 
     RunContext context;
     context.clientProfile = ClientProfileStore(paths).loadOrCreateDefault(resources);

@@ -2,8 +2,8 @@
 
 #include "core/definitions/PackagePath.h"
 #include "core/definitions/WorkflowValueCoding.h"
-#include "core/foundation/Json.h"
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/Json.h"
 #include "core/foundation/Text.h"
 
 #include <cmath>

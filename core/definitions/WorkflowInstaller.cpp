@@ -66,7 +66,8 @@ bool isMacMetadata(std::string_view name) {
     case ArchiveError::Kind::tooManyEntries:
         invalidContents("The package holds more than " + error.detail() + " files and folders");
     case ArchiveError::Kind::tooLarge:
-        invalidContents("The package unpacks to more than " + byteSizeText(std::stoull(error.detail())));
+        invalidContents("The package unpacks to more than " +
+                        byteSizeText(std::stoull(error.detail())));
     default:
         invalidContents(otherwise);
     }

@@ -6,6 +6,11 @@
 
 namespace quorlin {
 
+RunNotRecordedError::RunNotRecordedError(const AuditRun& run, const std::exception& cause)
+    : Error("Run " + run.id.uppercaseString().substr(0, 8) + " of " + run.flowName + " (" +
+            run.status + ", " + run.timestamp +
+            ") could not be recorded in the audit log: " + cause.what()) {}
+
 namespace {
 
 constexpr const char* rejectionMessage = "All proposals rejected; no files written.";

@@ -2,6 +2,7 @@
 
 #include "core/execution/ApprovalRun.h"
 #include "core/execution/RunSession.h"
+#include "core/foundation/Error.h"
 #include "core/stores/AuditRun.h"
 
 #include <cstdint>
@@ -10,6 +11,13 @@
 #include <vector>
 
 namespace quorlin {
+
+// A run that ended but whose audit row could not be written: the user must learn which
+// run that was and why, since the history will not show it.
+class RunNotRecordedError : public Error {
+public:
+    RunNotRecordedError(const AuditRun& run, const std::exception& cause);
+};
 
 // The audit rows the run coordinator writes, one builder per way a run can end. Each gives
 // a row with a fresh id; writing it is the caller's business.

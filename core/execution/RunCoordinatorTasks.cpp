@@ -8,6 +8,18 @@
 
 namespace quorlin {
 
+namespace {
+
+void appendOrSayWhich(AuditLogWriting& store, const AuditRun& run) {
+    try {
+        store.append(run);
+    } catch (const std::exception& error) {
+        throw RunNotRecordedError(run, error);
+    }
+}
+
+} // namespace
+
 RunCoordinator::Completion RunCoordinator::runToEnd(RunJob job, const LoadedWorkflow& workflow,
                                                     std::stop_token stop) {
     job.request.stopToken = std::move(stop);
@@ -15,7 +27,7 @@ RunCoordinator::Completion RunCoordinator::runToEnd(RunJob job, const LoadedWork
     const auto result = job.service->run(workflow, job.request);
     const auto run = successAuditRun(result, minutes, job.trigger);
     // A row that can't be written fails the run, though its steps went through.
-    job.auditStore->append(run);
+    appendOrSayWhich(*job.auditStore, run);
     return [job, result, run, minutes](RunCoordinator& self) {
         self.completeRun(job.flowID, result, run, job.totalMinutes, minutes, job.trigger);
     };
@@ -38,7 +50,7 @@ RunCoordinator::fileApproved(RunJob job,
                              const std::vector<ApprovalProposal>& approved, std::stop_token stop) {
     job.request.stopToken = std::move(stop);
     auto finalized = finalizeApprovedRun(*job.service, *parked, approved, job.request);
-    job.auditStore->append(finalized.auditRun);
+    appendOrSayWhich(*job.auditStore, finalized.auditRun);
     return [job, finalized](RunCoordinator& self) {
         self.completeFiling(job.flowID, finalized, job.totalMinutes);
     };

@@ -135,11 +135,11 @@ GenericScriptStepRunResult PlainScriptStepHandler::run(const StepContext& contex
     const GenericScriptInput input{workflow.id, workflow.name, step.id,
                                    context.log.previousOutputs};
     const auto inputJSON = toJson(input);
-    const ScriptResult script = launcher_.launch(
-        context,
-        {plainScriptRuntime(step), plainScriptEntrypoint(step), scriptTimeoutSeconds(step),
-         scriptOutputLimit(step)},
-        compactJson(inputJSON));
+    const ScriptResult script =
+        launcher_.launch(context,
+                         {plainScriptRuntime(step), plainScriptEntrypoint(step),
+                          scriptTimeoutSeconds(step), scriptOutputLimit(step)},
+                         compactJson(inputJSON));
     const std::string stdoutText = utf8OrEmpty(script.stdoutData);
 
     GenericScriptStepRunResult result;

@@ -115,16 +115,21 @@ std::string mapped(std::string_view text, utf8proc_int32_t (*mapping)(utf8proc_i
     std::size_t offset = 0;
     while (offset < text.size()) {
         const char32_t codePoint = decodeCodePoint(text, offset);
-        appendCodePoint(result, static_cast<char32_t>(mapping(static_cast<utf8proc_int32_t>(codePoint))));
+        appendCodePoint(result,
+                        static_cast<char32_t>(mapping(static_cast<utf8proc_int32_t>(codePoint))));
     }
     return result;
 }
 
 } // namespace
 
-std::string lowercased(std::string_view text) { return mapped(text, utf8proc_tolower); }
+std::string lowercased(std::string_view text) {
+    return mapped(text, utf8proc_tolower);
+}
 
-std::string uppercased(std::string_view text) { return mapped(text, utf8proc_toupper); }
+std::string uppercased(std::string_view text) {
+    return mapped(text, utf8proc_toupper);
+}
 
 bool startsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;

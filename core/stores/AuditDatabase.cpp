@@ -25,7 +25,9 @@ const sqlite3_destructor_type transientCopy =
 // `quorlin` command may write at the same time) to release its lock before giving up
 // with "database is locked". Writes here take milliseconds; a full load of a large
 // history a fraction of a second.
-constexpr int busyTimeoutMilliseconds = 5000;
+// Another process (a second quorlin, the desktop app) may hold the write lock for a
+// while; a finished run waits this long for its turn rather than go unrecorded.
+constexpr int busyTimeoutMilliseconds = 30'000;
 
 } // namespace
 

@@ -140,6 +140,19 @@ AuditTotals AuditLogStore::totals() const {
     return totals;
 }
 
+void AuditLogStore::checkWritable() const {
+    try {
+        prepareAuditDatabase(databasePath_);
+        auto database = AuditDatabase::open(databasePath_);
+        // Taking the write lock is what a read-only file or a lock held elsewhere refuses.
+        database.inTransaction([] {});
+    } catch (const AuditLogStoreError& error) {
+        throw AuditLogStoreError::notWritable(databasePath_, error.detail());
+    } catch (const std::exception& error) {
+        throw AuditLogStoreError::notWritable(databasePath_, error.what());
+    }
+}
+
 void AuditLogStore::append(const AuditRun& run) {
     prepareAuditDatabase(databasePath_);
     importLegacyAuditLog(databasePath_, legacyPath_);

@@ -58,6 +58,11 @@ public:
     // Counts and sums over every run, worked out by the database.
     AuditTotals totals() const;
 
+    // Throws AuditLogStoreError (notWritable) when the database can't be written now (a
+    // folder or file that can't be made or opened, a read-only file, a lock held past the
+    // wait), so that a run that couldn't be recorded is not started. Writes no row.
+    void checkWritable() const;
+
     // Adds the run at the end of the history, or replaces the run with the same id (its
     // step rows included) and moves it to the end.
     void append(const AuditRun& run) override;

@@ -395,6 +395,10 @@ TEST_F(RunCoordinatorTest, AnAuditRowThatCannotBeWrittenFailsTheRun) {
     EXPECT_THAT(lastKinds(2),
                 ElementsAre(Kind::sessionUpdated, Kind::failed)); // and no row to announce
     EXPECT_TRUE(coordinator->session("demo")->isRetryable);
+    // The user learns which run the history will not show, and why.
+    EXPECT_THAT(*coordinator->session("demo")->failureMessage,
+                ::testing::MatchesRegex("Run [0-9A-F]{8} of Demo Flow \\(Success, .*\\) could "
+                                        "not be recorded in the audit log: .*"));
 
     writeFlow(scriptStep("collect", "collect.py") + gateStep + scriptStep("file", "file.py"));
     start();

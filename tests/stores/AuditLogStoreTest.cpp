@@ -446,6 +446,24 @@ TEST_F(AuditLogStoreTest, QueriesAndTotalsAgreeWithTheWholeHistory) {
     EXPECT_DOUBLE_EQ(totals.llmCostUSD, sums.llmCostUSD);
 }
 
+TEST_F(AuditLogStoreTest, WritabilityIsCheckedWithoutWritingARow) {
+    store().checkWritable();
+    EXPECT_EQ(rows("audit_runs"), 0);
+
+    testing::writeTextFile(directory.path() / "blocker", "a file where a folder should be");
+    const AuditLogStore blocked(directory.path() / "blocker" / "quorlin.sqlite", legacy());
+    try {
+        blocked.checkWritable();
+        ADD_FAILURE() << "a database that can't exist passed";
+    } catch (const AuditLogStoreError& error) {
+        EXPECT_EQ(error.kind(), AuditLogStoreError::Kind::notWritable);
+        EXPECT_TRUE(std::string(error.what())
+                        .starts_with("The audit log " + blocked.databasePath().string() +
+                                     " can't be written, so no run is started"))
+            << error.what();
+    }
+}
+
 TEST_F(AuditLogStoreTest, QueriesImportTheLegacyHistoryFirst) {
     writeLegacy(threeLegacyRuns);
     const auto audit = store();
