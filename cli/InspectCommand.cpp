@@ -1,6 +1,7 @@
 #include "cli/Commands.h"
 #include "core/definitions/WorkflowDocument.h"
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/Text.h"
 
 #include <filesystem>
 #include <iostream>
@@ -8,7 +9,8 @@
 namespace quorlin::cli {
 
 int fail(const std::string& message) {
-    std::cerr << "quorlin: " << message << '\n';
+    // Messages may quote what a file or a database held; nothing of it drives the terminal.
+    std::cerr << "quorlin: " << escapedControlBytes(message) << '\n';
     return 1;
 }
 

@@ -1,4 +1,5 @@
 #include "cli/Commands.h"
+#include "core/foundation/FileError.h"
 
 #include <cstring>
 #include <iostream>
@@ -55,6 +56,8 @@ int main(int argc, char** argv) {
     }
     try {
         return command->second(Arguments(words.begin() + 1, words.end()));
+    } catch (const std::filesystem::filesystem_error& error) {
+        return fail(quorlin::describeFilesystemError(error));
     } catch (const std::exception& error) {
         return fail(error.what());
     }

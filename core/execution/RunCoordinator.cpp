@@ -18,6 +18,15 @@ namespace {
 constexpr const char* unsupportedWorkflowMessage =
     "This workflow isn't wired into the generic runner or has no runnable blocks.";
 
+// A workflow that isn't there is "not found"; one that is there but can't be read says why.
+std::string loadFailureMessage(const std::string& flowID, const std::exception& error) {
+    const auto* loader = dynamic_cast<const WorkflowLoaderError*>(&error);
+    if (loader != nullptr && loader->kind() == WorkflowLoaderError::Kind::workflowNotFound) {
+        return "Workflow not found: " + flowID;
+    }
+    return "Workflow " + flowID + " could not be loaded: " + error.what();
+}
+
 void removeStagingDirectory(const PreparedApprovalWorkflowRun& prepared) {
     std::error_code ignored; // a leftover staging folder harms nothing but disk space
     std::filesystem::remove_all(prepared.checkpoint.log.stagingDirectory, ignored);
@@ -46,7 +55,7 @@ void RunCoordinator::start(const std::string& flowID, const RunContext& context,
     try {
         workflow = std::make_shared<const LoadedWorkflow>(loader_.loadRunnableWorkflow(flowID));
     } catch (const std::exception& error) {
-        failBeforeRun(flowID, context, retryCount, nullptr, "Workflow not found: " + flowID,
+        failBeforeRun(flowID, context, retryCount, nullptr, loadFailureMessage(flowID, error),
                       &error);
         return;
     }

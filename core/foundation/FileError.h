@@ -20,4 +20,7 @@ private:
     Kind kind_;
 };
 
+// A std::filesystem error in our words: "Could not use <path>: <the system's reason>".
+std::string describeFilesystemError(const std::filesystem::filesystem_error& error);
+
 } // namespace quorlin

@@ -2,7 +2,34 @@
 
 namespace quorlin {
 
-JsonError::JsonError(const std::string& detail) : Error("Invalid JSON: " + detail) {}
+namespace {
+
+// "[json.exception.parse_error.101] parse error at line 2, ..." -> "line 2, ...": the
+// exception's id means nothing to a person.
+std::string withoutExceptionID(const std::string& detail) {
+    std::string text = detail;
+    if (text.starts_with("[json.exception.")) {
+        if (const auto end = text.find("] "); end != std::string::npos) {
+            text.erase(0, end + 2);
+        }
+    }
+    for (const std::string prefix : {"parse error at ", "parse error: "}) {
+        if (text.starts_with(prefix)) {
+            text.erase(0, prefix.size());
+        }
+    }
+    return text;
+}
+
+std::string describe(const std::string& detail, const std::filesystem::path& source) {
+    return "Invalid JSON" + (source.empty() ? std::string() : " in " + source.string()) + ": " +
+           detail;
+}
+
+} // namespace
+
+JsonError::JsonError(const std::string& detail, const std::filesystem::path& source)
+    : Error(describe(withoutExceptionID(detail), source)), detail_(withoutExceptionID(detail)) {}
 
 nlohmann::json parseJson(std::string_view text) {
     try {

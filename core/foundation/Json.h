@@ -2,6 +2,7 @@
 
 #include "Error.h"
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -11,8 +12,14 @@ namespace quorlin {
 
 class JsonError : public Error {
 public:
-    // detail: the parser's own words.
-    explicit JsonError(const std::string& detail);
+    // detail: the parser's own words, its exception id left out; source: the file the
+    // text came from, when known.
+    explicit JsonError(const std::string& detail, const std::filesystem::path& source = {});
+
+    const std::string& detail() const { return detail_; }
+
+private:
+    std::string detail_;
 };
 
 // Parses JSON text; a malformed text throws JsonError.

@@ -1,5 +1,6 @@
 #include "Text.h"
 
+#include <cstdio>
 #include <utility>
 
 #include <utf8proc.h>
@@ -147,6 +148,32 @@ std::string byteSizeText(std::uint64_t bytes) {
         }
     }
     return std::to_string(bytes) + " bytes";
+}
+
+std::string escapedControlBytes(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    char code[16];
+    for (std::size_t offset = 0; offset < text.size();) {
+        const std::size_t start = offset;
+        const char32_t character = decodeCodePoint(text, offset);
+        const bool invalid = character == replacementCharacter &&
+                             text.substr(start, offset - start) != "\xEF\xBF\xBD";
+        if (invalid) {
+            std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned char>(text[start]));
+            out += code;
+        } else if ((character < 0x20 && character != U'\n' && character != U'\t') ||
+                   character == 0x7F) {
+            std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned>(character));
+            out += code;
+        } else if (character >= 0x80 && character < 0xA0) {
+            std::snprintf(code, sizeof code, "\\u{%04X}", static_cast<unsigned>(character));
+            out += code;
+        } else {
+            out.append(text.substr(start, offset - start));
+        }
+    }
+    return out;
 }
 
 } // namespace quorlin

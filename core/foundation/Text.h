@@ -29,6 +29,10 @@ void appendCodePoint(std::string& out, char32_t codePoint);
 
 bool startsWith(std::string_view text, std::string_view prefix);
 
+// text fit for a terminal: control characters other than line feed and tab, and bytes
+// that are not UTF-8, are written as \xNN (\u{NNNN} for C1 controls); the rest as it is.
+std::string escapedControlBytes(std::string_view text);
+
 // A size for people: "16 MiB" or "1 GiB" where it is a whole number of them, else
 // "1234 bytes".
 std::string byteSizeText(std::uint64_t bytes);

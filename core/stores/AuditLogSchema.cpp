@@ -1,6 +1,7 @@
 #include "core/stores/AuditLogSchema.h"
 
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/Json.h"
 #include "core/stores/AuditDatabase.h"
 #include "core/stores/AuditRunJson.h"
 #include "core/stores/AuditRunWriter.h"
@@ -100,8 +101,12 @@ void importLegacyAuditLog(const std::filesystem::path& databasePath,
             return;
         }
         // Years of history may be far larger than a document a person writes.
-        const auto document =
-            decodeAuditLogDocumentJson(readFile(legacyPath, std::size_t{1} << 30U));
+        AuditLogDocument document;
+        try {
+            document = decodeAuditLogDocumentJson(readFile(legacyPath, std::size_t{1} << 30U));
+        } catch (const JsonError& invalid) {
+            throw JsonError(invalid.detail(), legacyPath); // the parser can't name the file
+        }
         AuditRunWriter writer(database);
         for (const auto& run : document.runs) {
             writer.insert(run);

@@ -108,7 +108,14 @@ TEST(AtomicFile, ReadsOnlyRegularFilesUpToTheLimit) {
 }
 
 TEST(Json, ParseErrorsAreJsonErrorsAndDumpsNeverThrow) {
-    EXPECT_THROW(parseJson("{\"a\": }"), JsonError);
+    try {
+        parseJson("{\"a\": }");
+        ADD_FAILURE() << "parsed";
+    } catch (const JsonError& error) {
+        // The parser's words, without its exception id.
+        EXPECT_TRUE(std::string(error.what()).starts_with("Invalid JSON: line 1, column 7: "))
+            << error.what();
+    }
     EXPECT_TRUE(parseJsonOrDiscarded("not json").is_discarded());
     EXPECT_EQ(prettySortedJson(nlohmann::json{{"b", 1}, {"a", 2}}),
               "{\n  \"a\": 2,\n  \"b\": 1\n}");

@@ -26,6 +26,22 @@ TEST(Text, LowercasesBeyondAscii) {
     EXPECT_EQ(lowercased("ΣΟΦΙΑ"), "σοφια");
 }
 
+TEST(Text, EscapesWhatWouldDriveATerminal) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain words, é and 日本", "plain words, é and 日本"},
+        {"two\nlines\tand a tab", "two\nlines\tand a tab"},
+        {"red \x1b[31mtext", "red \\x1B[31mtext"},
+        {std::string("nul\0byte", 8), "nul\\x00byte"},
+        {"del\x7f", "del\\x7F"},
+        {"c1 \xc2\x85", "c1 \\u{0085}"},
+        {"raw \xff\xfe bytes", "raw \\xFF\\xFE bytes"},
+        {"kept \xef\xbf\xbd", "kept \xef\xbf\xbd"},
+    };
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(escapedControlBytes(text), expected);
+    }
+}
+
 TEST(Text, ValidatesUtf8) {
     EXPECT_TRUE(isValidUtf8("plain ascii"));
     EXPECT_TRUE(isValidUtf8("日本語 ✓"));
