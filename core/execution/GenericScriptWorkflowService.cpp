@@ -8,6 +8,7 @@
 #include "core/execution/StepValueResolution.h"
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/Cancellation.h"
+#include "core/foundation/FileError.h"
 #include "core/foundation/Uuid.h"
 
 #include <algorithm>
@@ -132,6 +133,11 @@ GenericScriptWorkflowService::runSteps(const LoadedWorkflow& workflow, RunLog& l
         try {
             const StepContext context{workflow, step, log, request};
             result = handlers_.handlerFor(step, workflow).run(context);
+        } catch (const std::filesystem::filesystem_error& error) {
+            // The library's words name its own function; ours name the file and the reason.
+            const Error composed(describeFilesystemError(error));
+            log.recordFailure(step, stepStartedAt, composed);
+            throw failure(workflow.flow(), log, composed);
         } catch (const std::exception& error) {
             log.recordFailure(step, stepStartedAt, error);
             throw failure(workflow.flow(), log, error);

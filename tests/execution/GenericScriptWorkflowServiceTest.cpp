@@ -354,6 +354,16 @@ TEST_F(GenericScriptWorkflowServiceTest, BlockProblemsStopTheRunBeforeTheFirstSt
 }
 
 // A step type added the way every new one is: a handler and one registration.
+// Fails the way the standard library's file functions do.
+class MissingFileStepHandler final : public StepHandler {
+public:
+    GenericScriptStepRunResult run(const StepContext&) const override {
+        throw std::filesystem::filesystem_error(
+            "cannot copy file", "/no/such/file.pdf",
+            std::make_error_code(std::errc::no_such_file_or_directory));
+    }
+};
+
 class TallyStepHandler final : public StepHandler {
 public:
     GenericScriptStepRunResult run(const StepContext& context) const override {
@@ -375,6 +385,7 @@ TEST_F(GenericScriptWorkflowServiceTest, StepsRunThroughTheHandlersTheRegistryHo
         });
     auto extended = standardStepHandlers({runner, fixture.paths()});
     extended.add("tally", std::make_shared<TallyStepHandler>());
+    extended.add("copy", std::make_shared<MissingFileStepHandler>());
     GenericScriptWorkflowService withTally(WorkflowLoader(fixture.locator()), extended,
                                            fixture.paths(), mainExecutor);
     EXPECT_TRUE(withTally.supportedStepTypes().contains("tally"));
@@ -393,6 +404,16 @@ TEST_F(GenericScriptWorkflowServiceTest, StepsRunThroughTheHandlersTheRegistryHo
     EXPECT_THROW(onWorker([&] { return service.run(loaded("demo"), request); }),
                  ExecutionEngineError);
     EXPECT_EQ(progress.size(), 2u);
+
+    // A file-system failure is told in our words, with its path.
+    writeFlow(typedStep("copy", "copy"));
+    try {
+        onWorker([&] { return withTally.run(loaded("demo"), request); });
+        ADD_FAILURE() << "the copy step passed";
+    } catch (const GenericScriptWorkflowFailure& copyFailure) {
+        EXPECT_STREQ(copyFailure.what(),
+                     "Could not use /no/such/file.pdf: No such file or directory");
+    }
 
     // A known type whose handler this build lacks fails its step, with a record.
     writeFlow(scriptStep("first", "print_json.py") + typedStep("search", "gmail-search"));
