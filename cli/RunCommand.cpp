@@ -12,11 +12,17 @@
 #include "core/foundation/Text.h"
 #include "core/stores/AuditLogStore.h"
 
+#include <array>
+#include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <thread>
 #include <unistd.h>
 
@@ -24,8 +30,9 @@ namespace quorlin::cli {
 
 namespace {
 
-// Turns Ctrl-C (and SIGTERM) into a cancel of the run. The signals are blocked in
-// every thread and taken here with sigtimedwait, so no handler runs in signal context.
+// Turns Ctrl-C (and SIGTERM) into a cancel of the run. The signals are blocked in every
+// thread and read from a signalfd, so no handler runs in signal context; an eventfd wakes
+// the watcher at once when the run is over, so leaving waits for nothing.
 class InterruptWatcher {
 public:
     explicit InterruptWatcher(std::function<void()> onInterrupt) {
@@ -33,26 +40,52 @@ public:
         sigaddset(&signals_, SIGINT);
         sigaddset(&signals_, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-        thread_ =
-            std::jthread([this, onInterrupt = std::move(onInterrupt)](const std::stop_token& done) {
-                const timespec tick{0, 100'000'000};
-                while (!done.stop_requested()) {
-                    if (sigtimedwait(&signals_, nullptr, &tick) > 0) {
-                        onInterrupt();
-                    }
+        signalFd_ = ::signalfd(-1, &signals_, SFD_CLOEXEC);
+        wakeFd_ = ::eventfd(0, EFD_CLOEXEC);
+        if (signalFd_ < 0 || wakeFd_ < 0) {
+            // Without them the signals keep their default action: they end the process.
+            closeAll();
+            return;
+        }
+        thread_ = std::jthread([this, onInterrupt = std::move(onInterrupt)] {
+            std::array<pollfd, 2> watched{{{signalFd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}}};
+            while (::poll(watched.data(), watched.size(), -1) >= 0 || errno == EINTR) {
+                if (watched[1].revents != 0) {
+                    return;
                 }
-            });
+                signalfd_siginfo taken{};
+                if (watched[0].revents != 0 &&
+                    ::read(signalFd_, &taken, sizeof taken) == sizeof taken) {
+                    onInterrupt();
+                }
+            }
+        });
     }
     ~InterruptWatcher() {
-        thread_.request_stop();
-        thread_.join();
-        pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);
+        if (thread_.joinable()) {
+            const std::uint64_t one = 1;
+            [[maybe_unused]] const auto ignored = ::write(wakeFd_, &one, sizeof one);
+            thread_.join();
+        }
+        closeAll();
     }
     InterruptWatcher(const InterruptWatcher&) = delete;
     InterruptWatcher& operator=(const InterruptWatcher&) = delete;
 
 private:
+    void closeAll() {
+        for (int* descriptor : {&signalFd_, &wakeFd_}) {
+            if (*descriptor >= 0) {
+                ::close(*descriptor);
+                *descriptor = -1;
+            }
+        }
+        pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);
+    }
+
     sigset_t signals_{};
+    int signalFd_ = -1;
+    int wakeFd_ = -1;
     std::jthread thread_;
 };
 
