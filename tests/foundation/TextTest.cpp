@@ -1,5 +1,11 @@
 #include "core/foundation/Text.h"
 
+#include "core/foundation/ClosestWord.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 namespace quorlin {
@@ -55,6 +61,28 @@ TEST(Text, ClassifiesLettersAndNumbers) {
     EXPECT_TRUE(isNumber(U'٣')); // Arabic-Indic three
     EXPECT_FALSE(isLetter(U'-'));
     EXPECT_FALSE(isNumber(U'x'));
+}
+
+TEST(ClosestWordTest, SuggestsOnlyWhatLooksLikeATypo) {
+    const std::vector<std::string> commands{"run", "history", "validate", "flows", "inspect"};
+    struct Case {
+        std::string word;
+        std::optional<std::string> expected;
+    };
+    const std::vector<Case> cases{
+        {"histroy", "history"}, // neighbours swapped
+        {"HISTORY", "history"}, // letter case aside
+        {"valdate", "validate"},  {"flow", "flows"},      {"rnu", "run"},
+        {"xyz", std::nullopt},                            // nothing close
+        {"inspector", "inspect"}, {"insp", std::nullopt}, // three edits is too many for a short
+                                                          // word
+        {"", std::nullopt},
+    };
+    for (const auto& item : cases) {
+        EXPECT_EQ(closestWord(item.word, commands), item.expected) << item.word;
+    }
+    EXPECT_EQ(editDistance("entrypiont", "entrypoint"), 1u);
+    EXPECT_EQ(editDistance("abc", ""), 3u);
 }
 
 } // namespace
