@@ -1,10 +1,44 @@
 #include "RecordDecoding.h"
 
+#include "core/foundation/ClosestWord.h"
+
+#include <algorithm>
+
 namespace quorlin {
 
 namespace {
 
 constexpr std::size_t quotedTextLimit = 60;
+
+thread_local RecordKeyLog* activeKeyLog = nullptr;
+
+// Every mapping under node that was decoded as a record, checked against the keys its
+// decoder looked up.
+void findUnknownKeys(const YamlNode& node, const std::string& path, const RecordKeyLog& keys,
+                     std::vector<UnknownRecordKey>& found) {
+    if (node.isSequence()) {
+        for (std::size_t index = 0; index < node.items.size(); ++index) {
+            findUnknownKeys(node.items[index], indexPath(path, index), keys, found);
+        }
+        return;
+    }
+    if (!node.isMapping()) {
+        return;
+    }
+    if (const auto* known = keys.keysAt(path)) {
+        for (const auto& [key, value] : node.entries) {
+            if (std::find(known->begin(), known->end(), key) != known->end()) {
+                continue;
+            }
+            if (auto suggestion = closestWord(key, *known)) {
+                found.push_back({path, key, std::move(*suggestion)});
+            }
+        }
+    }
+    for (const auto& [key, value] : node.entries) {
+        findUnknownKeys(value, keyPath(path, key), keys, found);
+    }
+}
 
 } // namespace
 
@@ -64,6 +98,38 @@ WorkflowValueMap valueMap(const YamlNode& node, const std::string& path) {
     return result;
 }
 
+RecordKeyLog::RecordKeyLog() : outer_(activeKeyLog) {
+    activeKeyLog = this;
+}
+
+RecordKeyLog::~RecordKeyLog() {
+    activeKeyLog = outer_;
+}
+
+const std::vector<std::string>* RecordKeyLog::keysAt(const std::string& path) const {
+    const auto found = keysByPath_.find(path);
+    return found == keysByPath_.end() ? nullptr : &found->second;
+}
+
+void RecordKeyLog::note(const std::string& path, std::string_view key) {
+    if (activeKeyLog == nullptr) {
+        return;
+    }
+    auto& keys = activeKeyLog->keysByPath_[path];
+    if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
+        keys.emplace_back(key);
+    }
+}
+
+std::vector<UnknownRecordKey>
+unknownRecordKeys(const YamlNode& root, const std::function<void(const YamlNode&)>& decode) {
+    const RecordKeyLog keys;
+    decode(root);
+    std::vector<UnknownRecordKey> found;
+    findUnknownKeys(root, "", keys, found);
+    return found;
+}
+
 Fields::Fields(const YamlNode& node, std::string path) : node_(node), path_(std::move(path)) {
     if (!node.isMapping()) {
         throwTypeMismatch(node, path_, "a mapping");
@@ -71,6 +137,7 @@ Fields::Fields(const YamlNode& node, std::string path) : node_(node), path_(std:
 }
 
 const YamlNode& Fields::required(std::string_view key) const {
+    RecordKeyLog::note(path_, key);
     const auto* value = node_.find(key);
     if (value == nullptr) {
         throw DecodingError(DecodingError::Kind::keyNotFound, path_, std::string(key), {},
@@ -80,6 +147,7 @@ const YamlNode& Fields::required(std::string_view key) const {
 }
 
 const YamlNode* Fields::optional(std::string_view key) const {
+    RecordKeyLog::note(path_, key);
     const auto* value = node_.find(key);
     return value == nullptr || isYamlNull(*value) ? nullptr : value;
 }

@@ -6,6 +6,8 @@
 #include "core/foundation/YamlNode.h"
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,6 +43,44 @@ auto sequenceOf(const YamlNode& node, const std::string& path, Decode decode) {
     }
     return result;
 }
+
+// While alive, notes on its thread which keys the record decoders look up, by the coding
+// path of each mapping they decode. The decoders ignore every other key, so a key
+// missing here is one the program never reads: this is how a typo is found without a
+// second list of keys to keep in step with the decoders. Logs nest; the innermost one
+// notes.
+class RecordKeyLog {
+public:
+    RecordKeyLog();
+    ~RecordKeyLog();
+    RecordKeyLog(const RecordKeyLog&) = delete;
+    RecordKeyLog& operator=(const RecordKeyLog&) = delete;
+
+    // The keys looked up in the mapping at path, or nullptr when no record was decoded
+    // there (a free map such as a step's config, or a part the decoder never reached).
+    const std::vector<std::string>* keysAt(const std::string& path) const;
+
+    // Notes a lookup in the active log of this thread, if there is one.
+    static void note(const std::string& path, std::string_view key);
+
+private:
+    std::map<std::string, std::vector<std::string>> keysByPath_;
+    RecordKeyLog* outer_;
+};
+
+// A key of a record that its decoder never reads but that is close enough to one it does
+// read to be a typo of it.
+struct UnknownRecordKey {
+    std::string path; // the coding path of the mapping holding it ("flow.steps[0]")
+    std::string key;
+    std::string suggestion;
+};
+
+// Runs decode over root with a key log and lists the likely typos among the keys it
+// ignored, in document order. A key far from every read one may be meant for a newer
+// program and is not listed. Whatever decode throws is passed on.
+std::vector<UnknownRecordKey> unknownRecordKeys(const YamlNode& root,
+                                                const std::function<void(const YamlNode&)>& decode);
 
 // The keys of one mapping being decoded into a record. Optional keys that are missing or
 // hold a null spelling are absent; required keys must be there.

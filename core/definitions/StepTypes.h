@@ -1,7 +1,9 @@
 #pragma once
 
 #include <array>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace quorlin::stepType {
 
@@ -33,3 +35,13 @@ inline constexpr std::array knownStepTypes{
     nativeFileWrite};
 
 } // namespace quorlin::stepType
+
+namespace quorlin {
+
+// The step types as owned text, in their listed order, for lists shown to people and for
+// "did you mean" hints.
+inline std::vector<std::string> knownStepTypeNames() {
+    return {stepType::knownStepTypes.begin(), stepType::knownStepTypes.end()};
+}
+
+} // namespace quorlin

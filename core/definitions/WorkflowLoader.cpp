@@ -87,13 +87,39 @@ WorkflowDocument WorkflowLoader::loadAvailableWorkflow(const std::string& workfl
 }
 
 LoadedWorkflow WorkflowLoader::loadRunnableWorkflow(const std::string& workflowID) const {
+    return loadRunnableWorkflow(availableWorkflowReference(workflowID));
+}
+
+LoadedWorkflow
+WorkflowLoader::loadRunnableWorkflow(const WorkflowBundleReference& reference) const {
     LoadedWorkflow loaded;
-    loaded.reference = availableWorkflowReference(workflowID);
+    loaded.reference = reference;
     loaded.document = loadWorkflow(workflowFile(loaded.reference));
     for (auto& resolution : validateWorkflowBlocks(loaded.document, loaded.reference.directory)) {
         loaded.blockResolutions.insert_or_assign(resolution.stepID, std::move(resolution));
     }
     return loaded;
+}
+
+LintedWorkflow WorkflowLoader::lintWorkflowBundle(const WorkflowBundleReference& reference) const {
+    return lintWorkflowFile(workflowFile(reference), reference.directory);
+}
+
+LintedWorkflow WorkflowLoader::lintWorkflow(const std::filesystem::path& bundleDirectory) const {
+    return lintWorkflowFile(bundleDirectory / "flow.yaml", bundleDirectory);
+}
+
+LintedWorkflow
+WorkflowLoader::lintWorkflowFile(const std::filesystem::path& file,
+                                 const std::filesystem::path& bundleDirectory) const {
+    // Parsed once: the warnings need the raw tree beside the decoded document.
+    const YamlNode raw = parseYaml(readFile(file));
+    LintedWorkflow linted;
+    linted.document = decodeWorkflowDocument(raw);
+    linted.blockResolutions = validateWorkflowBlocks(linted.document, bundleDirectory);
+    linted.warnings =
+        workflowWarnings(linted.document, raw, bundleDirectory, linted.blockResolutions);
+    return linted;
 }
 
 std::vector<WorkflowBlockResolution>

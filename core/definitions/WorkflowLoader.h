@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/definitions/LintedWorkflow.h"
 #include "core/definitions/LoadedWorkflow.h"
 #include "core/definitions/WorkflowBlockValidator.h"
 #include "core/definitions/WorkflowBundleLocator.h"
@@ -50,14 +51,23 @@ public:
     WorkflowDocument loadAvailableWorkflow(const std::string& workflowID) const;
     // The available workflow with its block resolutions, as a run needs it.
     LoadedWorkflow loadRunnableWorkflow(const std::string& workflowID) const;
+    LoadedWorkflow loadRunnableWorkflow(const WorkflowBundleReference& reference) const;
 
     std::vector<WorkflowBlockResolution>
     validateWorkflowBlocks(const WorkflowDocument& document,
                            const std::filesystem::path& bundleDirectory) const;
 
+    // Loads and validates a bundle as loadWorkflowBundle does, failing the same way, and
+    // adds what will still fail at run time. lintWorkflow reads <directory>/flow.yaml.
+    LintedWorkflow lintWorkflowBundle(const WorkflowBundleReference& reference) const;
+    LintedWorkflow lintWorkflow(const std::filesystem::path& bundleDirectory) const;
+
     const WorkflowBundleLocator& locator() const { return locator_; }
 
 private:
+    LintedWorkflow lintWorkflowFile(const std::filesystem::path& file,
+                                    const std::filesystem::path& bundleDirectory) const;
+
     WorkflowBundleLocator locator_;
     WorkflowBlockValidator validator_;
 };
