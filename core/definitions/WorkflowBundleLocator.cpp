@@ -69,7 +69,15 @@ WorkflowBundleReference identify(const std::filesystem::path& directory, Workflo
 } // namespace
 
 std::string_view rawValue(WorkflowSourceKind source) {
-    return source == WorkflowSourceKind::bundled ? "bundled" : "installed";
+    switch (source) {
+    case WorkflowSourceKind::bundled:
+        return "bundled";
+    case WorkflowSourceKind::installed:
+        return "installed";
+    case WorkflowSourceKind::folder:
+        return "folder";
+    }
+    return "bundled";
 }
 
 WorkflowBundleLocatorError::WorkflowBundleLocatorError(
@@ -157,6 +165,15 @@ std::vector<WorkflowBundleReference> WorkflowBundleLocator::availableWorkflowRef
         return a.flowID < b.flowID;
     });
     return available;
+}
+
+std::optional<WorkflowBundleReference>
+WorkflowBundleLocator::bundleInFolder(const std::filesystem::path& directory) {
+    if (!hasFlowFile(directory)) {
+        return std::nullopt;
+    }
+    const auto absolute = std::filesystem::absolute(directory).lexically_normal();
+    return identify(absolute, WorkflowSourceKind::folder, "", "");
 }
 
 WorkflowPluginManifest WorkflowBundleLocator::loadManifest(const std::filesystem::path& directory) {

@@ -14,7 +14,8 @@
 
 namespace quorlin {
 
-enum class WorkflowSourceKind { bundled, installed };
+// folder: a bundle run in place from wherever its author keeps it.
+enum class WorkflowSourceKind { bundled, installed, folder };
 
 std::string_view rawValue(WorkflowSourceKind source);
 
@@ -56,6 +57,11 @@ public:
     // What is in force: active installed flows (by id), then bundled flows no installed one
     // replaces (by id).
     std::vector<WorkflowBundleReference> availableWorkflowReferences() const;
+
+    // The bundle in a folder of the author's, identified like the others; none when the
+    // folder holds no flow.yaml.
+    static std::optional<WorkflowBundleReference>
+    bundleInFolder(const std::filesystem::path& directory);
 
     static WorkflowPluginManifest loadManifest(const std::filesystem::path& directory);
     static WorkflowActivationRecord loadActivationRecord(const std::filesystem::path& directory);

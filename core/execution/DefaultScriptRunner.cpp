@@ -42,14 +42,17 @@ DefaultScriptRunner::DefaultScriptRunner(WorkflowBundleLocator locator,
     }
 }
 
-std::filesystem::path DefaultScriptRunner::scriptPath(const std::string& workflowID,
+std::filesystem::path DefaultScriptRunner::scriptPath(const ScriptInvocation& invocation,
                                                       const std::string& relativePath) const {
+    const std::string& workflowID = invocation.workflowID;
     // A plain substring test, on purpose: no spelling of a parent step gets through.
     if (relativePath.find("..") != std::string::npos) {
         throw ScriptRunnerError::invalidPath(relativePath);
     }
     std::filesystem::path root;
-    if (const auto installed = locator_.activeInstalledWorkflowReference(workflowID)) {
+    if (invocation.bundleDirectory) {
+        root = *invocation.bundleDirectory;
+    } else if (const auto installed = locator_.activeInstalledWorkflowReference(workflowID)) {
         root = installed->directory;
     } else if (const auto workflows = locator_.resources().workflowsDirectory()) {
         root = *workflows / workflowID;
@@ -89,7 +92,7 @@ std::filesystem::path DefaultScriptRunner::defaultRuntimePath(ScriptRuntime runt
 
 ScriptResult DefaultScriptRunner::run(const ScriptInvocation& invocation,
                                       std::stop_token stopToken) {
-    const auto script = scriptPath(invocation.workflowID, invocation.spec.relativePath);
+    const auto script = scriptPath(invocation, invocation.spec.relativePath);
     const auto interpreter = runtimeProvider_(invocation.spec.runtime);
 
     ChildProcessRequest request;
@@ -104,6 +107,7 @@ ScriptResult DefaultScriptRunner::run(const ScriptInvocation& invocation,
     request.standardInput = invocation.inputJSON;
     request.timeout = std::chrono::duration<double>(std::max(0.0, invocation.spec.timeoutSeconds));
     request.outputLimit = invocation.spec.outputLimitBytes;
+    request.onStandardError = invocation.onStandardError;
 
     const auto launched = std::chrono::steady_clock::now();
     ChildProcessResult finished;

@@ -22,9 +22,10 @@ public:
     ScriptResult run(const ScriptInvocation& invocation, std::stop_token stopToken) override;
 
     // The script a workflow's relative path names: refused when it holds "..", looked
-    // up in the workflow's active installed bundle, else its bundled one, and required to
-    // exist. The bundle is looked up afresh by id on every run.
-    std::filesystem::path scriptPath(const std::string& workflowID,
+    // up in the invocation's bundle folder when it names one, else in the workflow's
+    // active installed bundle, else its bundled one, and required to exist. The bundle is
+    // looked up afresh by id on every run.
+    std::filesystem::path scriptPath(const ScriptInvocation& invocation,
                                      const std::string& relativePath) const;
 
     // The managed runtime under the data root when it is installed, else the launcher

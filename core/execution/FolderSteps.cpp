@@ -132,6 +132,17 @@ std::optional<std::string> folderSettingEnvironmentKey(const FlowDefinition& wor
     return std::nullopt;
 }
 
+std::vector<FolderSetting> folderSettings(const FlowDefinition& workflow) {
+    std::vector<FolderSetting> settings;
+    for (const auto& step : workflow.steps) {
+        const bool input = step.type == stepType::filesystemInputFolder;
+        if (input || step.type == stepType::filesystemOutputFolder) {
+            settings.push_back({stepSettingKey(step), input});
+        }
+    }
+    return settings;
+}
+
 std::optional<std::string> firstFileSettingEnvironmentKey(const FlowDefinition& workflow) {
     for (const auto& step : workflow.steps) {
         if (step.type == stepType::filesystemInputFile) {

@@ -29,6 +29,14 @@ std::optional<std::string> folderSettingEnvironmentKey(const FlowDefinition& wor
                                                        std::string_view settingKey);
 std::optional<std::string> firstFileSettingEnvironmentKey(const FlowDefinition& workflow);
 
+// The setting keys of a flow's folder steps, in step order; input marks the folders a
+// step reads from (they must exist), the others are written to.
+struct FolderSetting {
+    std::string key;
+    bool input = false;
+};
+std::vector<FolderSetting> folderSettings(const FlowDefinition& workflow);
+
 // config "allowed_extensions", lower case without dots; empty means no limit.
 std::set<std::string> allowedFileExtensions(const FlowStep& step);
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/definitions/WorkflowBundleLocator.h"
 #include "core/definitions/WorkflowDocument.h"
 #include "core/execution/RunLog.h"
 #include "core/foundation/Error.h"
@@ -59,6 +60,9 @@ struct GenericWorkflowApprovalCheckpoint {
     std::string approvalStepID;
     WorkflowValueMap approvalInputs;
     RunLog log; // as at the gate
+    // The bundle the run started from; resuming reads it again, so an edit made while
+    // the user decided takes effect.
+    WorkflowBundleReference bundle;
 };
 
 // A failed step halts its run; this carries everything needed to record the failed run.

@@ -17,6 +17,9 @@ namespace quorlin {
 
 using EnvironmentOverrides = std::map<std::string, std::string>;
 using ProgressCallback = std::function<void(const GenericScriptWorkflowProgress&)>;
+// A piece of what a step's script wrote to stderr, with the step's id; called on the
+// worker thread that runs the step, as the script writes.
+using ScriptErrorOutput = std::function<void(const std::string& stepID, std::string_view text)>;
 
 // What a run needs besides the workflow: copies of the settings and the client profile,
 // the environment laid over every script's, where progress goes (called on the main
@@ -27,6 +30,7 @@ struct WorkflowRunRequest {
     EnvironmentOverrides environmentOverrides;
     ProgressCallback progress;
     std::stop_token stopToken;
+    ScriptErrorOutput scriptErrorOutput; // may be empty
 };
 
 // The face of the run driver that the run coordinator holds. The three run operations

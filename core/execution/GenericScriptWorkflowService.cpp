@@ -88,14 +88,14 @@ GenericScriptWorkflowService::runUntilApproval(const LoadedWorkflow& workflow,
     const FlowDefinition& flow = workflow.flow();
     const FlowStep& step = flow.steps[*gate];
     auto approvalInputs = resolvedInputs(step.inputs, log.stepOutputs);
-    return {flow, flow.id, flow.name, step.id, std::move(approvalInputs), std::move(log)};
+    return {flow,           flow.id,           flow.name, step.id, std::move(approvalInputs),
+            std::move(log), workflow.reference};
 }
 
 GenericScriptWorkflowRunResult GenericScriptWorkflowService::resumeFromApproval(
     const GenericWorkflowApprovalCheckpoint& checkpoint,
     const std::vector<ApprovalProposal>& approvedItems, const WorkflowRunRequest& request) {
-    // The document is read again: an edit made while the user decided takes effect.
-    const LoadedWorkflow workflow = loader_.loadRunnableWorkflow(checkpoint.flowID);
+    const LoadedWorkflow workflow = loader_.loadRunnableWorkflow(checkpoint.bundle);
     const auto& steps = workflow.flow().steps;
     const auto gate = std::find_if(steps.begin(), steps.end(), [&](const FlowStep& step) {
         return step.id == checkpoint.approvalStepID;

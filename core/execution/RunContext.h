@@ -23,6 +23,7 @@ struct RunContext {
     std::int64_t totalMinutesSaved = 0; // over all audit rows, before this run
     std::string trigger = "Manual";     // as written to the audit log
     EnvironmentOverrides environmentOverrides;
+    ScriptErrorOutput scriptErrorOutput; // for a front end that shows scripts' logs live
 };
 
 // What a person chose for one run besides the flow: a file for the flow's first file
@@ -32,9 +33,19 @@ struct RunChoices {
     std::vector<std::pair<std::string, std::filesystem::path>> folders;
 };
 
-// The chosen paths, made absolute, under the environment keys the flow's steps read them
-// from. A flow without a file setting, or without a folder setting of a given key, is
-// refused with an Error naming the flow and what it lacks.
+// Choices that can't work, found before a run starts: a flow without a file setting, a
+// folder key the flow doesn't have (the text lists those it has), an input file or a
+// folder to read from that isn't there, a path that is not what its setting needs.
+class RunChoiceError : public Error {
+public:
+    using Error::Error;
+};
+
+// Throws RunChoiceError for the first choice that can't work.
+void checkRunChoices(const FlowDefinition& flow, const RunChoices& choices);
+
+// The chosen paths, checked and made absolute, under the environment keys the flow's
+// steps read them from.
 EnvironmentOverrides choiceOverrides(const FlowDefinition& flow, const RunChoices& choices);
 
 } // namespace quorlin

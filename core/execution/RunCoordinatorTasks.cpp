@@ -62,6 +62,7 @@ RunCoordinator::RunJob RunCoordinator::makeJob(const std::string& flowID, std::u
     job.request.settings = context.appSettings;
     job.request.clientProfile = context.clientProfile;
     job.request.environmentOverrides = context.environmentOverrides;
+    job.request.scriptErrorOutput = context.scriptErrorOutput;
     // The driver calls this on the main thread.
     job.request.progress = [this, alive = std::weak_ptr<int>(alive_), flowID,
                             taskID](const GenericScriptWorkflowProgress& progress) {

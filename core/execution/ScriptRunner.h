@@ -7,10 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <string_view>
 
 namespace quorlin {
 
@@ -26,11 +28,16 @@ struct ScriptSpec {
 struct ScriptInvocation {
     std::string workflowID;
     std::string stepID; // for the words of a failure
+    // Where the scripts are, for a bundle run in place from its folder; otherwise they
+    // are looked up by the workflow id.
+    std::optional<std::filesystem::path> bundleDirectory;
     ScriptSpec spec;
     std::string inputJSON; // bytes for stdin
     // Laid over the inherited environment.
     std::map<std::string, std::string> environment;
     std::optional<std::filesystem::path> workingDirectory;
+    // Each piece of the script's stderr as it arrives, on the running thread.
+    std::function<void(std::string_view)> onStandardError;
 };
 
 struct ScriptResult {

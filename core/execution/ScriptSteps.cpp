@@ -82,11 +82,8 @@ ScriptRuntime blockScriptRuntime(const BlockExecutionDefinition& execution, cons
     if (name.empty()) {
         return plainScriptRuntime(step);
     }
-    if (name == "python" || name == "managed_runtime.python") {
-        return ScriptRuntime::python;
-    }
-    if (name == "node" || name == "managed_runtime.node") {
-        return ScriptRuntime::node;
+    if (const auto runtime = scriptRuntimeFromBlockValue(name)) {
+        return *runtime;
     }
     throw WorkflowLoaderError(WorkflowLoaderError::Kind::message,
                               "Unsupported block runtime " + name + " for step " + step.id);
@@ -114,6 +111,9 @@ ScriptResult WorkflowScriptLauncher::launch(const StepContext& context, ScriptSp
     ScriptInvocation invocation;
     invocation.workflowID = workflow.id;
     invocation.stepID = context.step.id;
+    if (context.workflow.reference.source == WorkflowSourceKind::folder) {
+        invocation.bundleDirectory = context.workflow.reference.directory;
+    }
     invocation.environment =
         scriptEnvironment(paths_, workflow, context.step, spec.runtime, request.settings,
                           request.clientProfile, request.environmentOverrides);
@@ -123,6 +123,11 @@ ScriptResult WorkflowScriptLauncher::launch(const StepContext& context, ScriptSp
                                       : paths_.nodeDependenciesDirectory(workflow.id);
     invocation.spec = std::move(spec);
     invocation.inputJSON = std::move(input);
+    if (request.scriptErrorOutput) {
+        invocation.onStandardError = [&request, &step = context.step](std::string_view text) {
+            request.scriptErrorOutput(step.id, text);
+        };
+    }
     return runner_->run(invocation, request.stopToken);
 }
 

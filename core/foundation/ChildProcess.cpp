@@ -60,6 +60,12 @@ void checkOutputLimit(RunningChild& child, const std::string& captured, const ch
     }
 }
 
+void passOn(const ChildProcessRequest& request, const std::string& captured, std::size_t from) {
+    if (request.onStandardError && captured.size() > from) {
+        request.onStandardError(std::string_view(captured).substr(from));
+    }
+}
+
 } // namespace
 
 ChildProcessResult runChildProcess(const ChildProcessRequest& request,
@@ -145,7 +151,9 @@ ChildProcessResult runChildProcess(const ChildProcessRequest& request,
             checkOutputLimit(*child, result.standardOutput, "stdout", request);
         }
         if (watched[2].revents != 0) {
+            const auto before = result.standardError.size();
             readSome(errors.readEnd, result.standardError, readChunk, executable);
+            passOn(request, result.standardError, before);
             checkOutputLimit(*child, result.standardError, "stderr", request);
         }
         if (watched[4].revents != 0 || !haveExitNotice) {
@@ -153,7 +161,9 @@ ChildProcessResult runChildProcess(const ChildProcessRequest& request,
         }
     }
     takeWhatIsLeft(output.readEnd, result.standardOutput, executable);
+    const auto before = result.standardError.size();
     takeWhatIsLeft(errors.readEnd, result.standardError, executable);
+    passOn(request, result.standardError, before);
     checkOutputLimit(*child, result.standardOutput, "stdout", request);
     checkOutputLimit(*child, result.standardError, "stderr", request);
     result.exitCode = *exitCode;

@@ -5,10 +5,12 @@
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorlin {
@@ -27,6 +29,9 @@ struct ChildProcessRequest {
     std::optional<std::chrono::duration<double>> timeout;
     // The most kept of stdout and of stderr each; a child that writes more is stopped.
     std::size_t outputLimit = defaultChildOutputLimit;
+    // Handed each piece of stderr as it arrives, on the calling thread; for showing a
+    // script's log live. The whole stderr is in the result all the same.
+    std::function<void(std::string_view)> onStandardError{};
 };
 
 struct ChildProcessResult {

@@ -1,6 +1,8 @@
 #include "core/definitions/WorkflowLoader.h"
 #include "core/execution/ContextSteps.h"
 #include "core/execution/FolderSteps.h"
+#include "core/execution/RunContext.h"
+#include "core/foundation/AtomicFile.h"
 #include "tests/support/WorkflowFixture.h"
 
 #include <gmock/gmock.h>
@@ -136,6 +138,51 @@ TEST(ContextSteps, TargetMonthsAndNamingExamples) {
     directory.write("history/.hidden", "");
     directory.write("history/a.pdf", "");
     EXPECT_THAT(namingExamples(history, directory.path()), ::testing::ElementsAre("a.pdf", "b.pdf"));
+}
+
+
+TEST(RunChoicesTest, ChoicesThatCannotWorkAreRefusedBeforeTheRun) {
+    testing::TemporaryDirectory directory;
+    const auto existing = directory.path().string();
+    const auto file = directory.path() / "receipt.pdf";
+    writeFileAtomically(file, "%PDF");
+    FlowDefinition flow;
+    flow.id = "inventory";
+    flow.steps = {stepWith("filesystem-input-folder", {{"setting_key", "source_folder"}}),
+                  stepWith("filesystem-output-folder", {{"setting_key", "report_folder"}})};
+    flow.steps[1].id = "report";
+
+    struct Case {
+        RunChoices choices;
+        std::string error; // empty: accepted
+    };
+    const std::vector<Case> cases{
+        {{std::nullopt, {{"source_folder", existing}, {"report_folder", existing + "/new"}}}, ""},
+        {{std::nullopt, {{"elsewhere", existing}}},
+         "Workflow inventory has no folder setting named 'elsewhere'; its folder settings are: "
+         "source_folder, report_folder."},
+        {{std::nullopt, {{"source_folder", existing + "/missing"}}},
+         "The folder for source_folder does not exist: " + existing + "/missing"},
+        {{std::nullopt, {{"report_folder", file}}},
+         "The path for report_folder is not a folder: " + file.string()},
+        {{file, {}}, "Workflow inventory takes no input file."},
+    };
+    for (const auto& item : cases) {
+        std::string error;
+        try {
+            checkRunChoices(flow, item.choices);
+        } catch (const RunChoiceError& refused) {
+            error = refused.what();
+        }
+        EXPECT_EQ(error, item.error);
+    }
+
+    FlowDefinition takesFile;
+    takesFile.id = "reader";
+    takesFile.steps = {stepWith("filesystem-input-file", {})};
+    EXPECT_NO_THROW(checkRunChoices(takesFile, {file, {}}));
+    EXPECT_THROW(checkRunChoices(takesFile, {directory.path() / "none.pdf", {}}), RunChoiceError);
+    EXPECT_EQ(choiceOverrides(takesFile, {file, {}}).at("QUORLIN_FILE_READER_PICK"), file.string());
 }
 
 } // namespace

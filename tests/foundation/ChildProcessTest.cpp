@@ -89,6 +89,28 @@ TEST(ChildProcessTest, ReportsExitCodeAndKeepsStreamsApart) {
     }
 }
 
+TEST(ChildProcessTest, HandsOnStderrWhileTheChildStillRuns) {
+    // The second line is only written once the first has been passed on: a runner that
+    // handed stderr over at the end would leave the child waiting until its timeout.
+    auto request = python("import sys, os\n"
+                          "sys.stderr.write('first\\n'); sys.stderr.flush()\n"
+                          "while not os.path.exists(sys.argv[1] if len(sys.argv) > 1 else '/x'):\n"
+                          "    pass\n");
+    testing::TemporaryDirectory directory;
+    const auto flag = directory.path() / "seen";
+    request.arguments.push_back(flag.string());
+    request.timeout = 10s;
+    std::string passedOn;
+    request.onStandardError = [&](std::string_view text) {
+        passedOn += text;
+        std::ofstream(flag) << "";
+    };
+    const auto result = runChildProcess(request);
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(passedOn, "first\n");
+    EXPECT_EQ(result.standardError, "first\n");
+}
+
 TEST(ChildProcessTest, MovesMegabytesBothWaysWithoutDeadlock) {
     std::string input(8 * 1024 * 1024, '\0');
     for (std::size_t i = 0; i < input.size(); ++i) {
