@@ -109,6 +109,52 @@ std::optional<SystemTime> parseIso8601(std::string_view text) {
                std::chrono::duration<double>(fraction));
 }
 
+std::optional<SystemTime> parseLocalMinute(std::string_view text) {
+    std::size_t offset = 0;
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0;
+    if (!readDigits(text, offset, 4, year) || !expect(text, offset, '-') ||
+        !readDigits(text, offset, 2, month) || !expect(text, offset, '-') ||
+        !readDigits(text, offset, 2, day)) {
+        return std::nullopt;
+    }
+    if (offset != text.size() &&
+        (!expect(text, offset, ' ') || !readDigits(text, offset, 2, hour) ||
+         !expect(text, offset, ':') || !readDigits(text, offset, 2, minute) ||
+         offset != text.size())) {
+        return std::nullopt;
+    }
+    const std::chrono::year_month_day date{std::chrono::year(year),
+                                           std::chrono::month(static_cast<unsigned>(month)),
+                                           std::chrono::day(static_cast<unsigned>(day))};
+    if (!date.ok() || hour > 23 || minute > 59) {
+        return std::nullopt;
+    }
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_isdst = -1; // the zone's rules decide
+    const std::time_t seconds = std::mktime(&parts);
+    if (seconds == static_cast<std::time_t>(-1)) {
+        return std::nullopt;
+    }
+    return std::chrono::system_clock::from_time_t(seconds);
+}
+
+std::string formatLocalIso8601(SystemTime time) {
+    const std::tm parts = calendarParts(time, true);
+    char buffer[64];
+    std::size_t length = std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%S%z", &parts);
+    // strftime writes the offset as +hhmm; ISO 8601's extended form wants +hh:mm.
+    std::string text(buffer, length);
+    if (text.size() >= 5) {
+        text.insert(text.size() - 2, ":");
+    }
+    return text;
+}
+
 double secondsBetween(SystemTime start, SystemTime end) {
     return std::chrono::duration<double>(end - start).count();
 }

@@ -19,6 +19,13 @@ std::string formatIso8601(SystemTime time);
 // Reads "YYYY-MM-DDTHH:MM:SS" with an optional fraction and a "Z" or "+HH:MM" offset.
 std::optional<SystemTime> parseIso8601(std::string_view text);
 
+// Reads "yyyy-MM-dd HH:mm" or "yyyy-MM-dd" (its midnight) as a local time. A time the
+// clock skipped when it jumped forward is taken as the moment after the jump.
+std::optional<SystemTime> parseLocalMinute(std::string_view text);
+
+// ISO 8601 in local time with its offset from UTC ("2024-05-01T09:00:00+02:00").
+std::string formatLocalIso8601(SystemTime time);
+
 // Seconds between two moments, as the engine reports durations.
 double secondsBetween(SystemTime start, SystemTime end);
 

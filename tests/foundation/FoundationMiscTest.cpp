@@ -6,6 +6,9 @@
 #include "core/foundation/Uuid.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <cstdlib>
+#include <ctime>
+#include <optional>
 #include <regex>
 #include <string>
 #include <sys/stat.h>
@@ -49,6 +52,45 @@ TEST(LocalTime, Iso8601RoundTripsAndHonoursOffsets) {
 TEST(LocalTime, LocalMinuteHasTheDisplayShape) {
     EXPECT_TRUE(std::regex_match(formatLocalMinute(std::chrono::system_clock::now()),
                                  std::regex(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2})")));
+}
+
+// A zone with summer time, given as a POSIX rule so no time zone database is needed.
+class CentralEuropeanTime {
+public:
+    CentralEuropeanTime() {
+        if (const char* zone = std::getenv("TZ")) {
+            saved_ = zone;
+        }
+        setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+        tzset();
+    }
+    ~CentralEuropeanTime() {
+        saved_ ? setenv("TZ", saved_->c_str(), 1) : unsetenv("TZ");
+        tzset();
+    }
+
+private:
+    std::optional<std::string> saved_;
+};
+
+TEST(LocalTime, LocalMinutesReadBackWithTheirOffset) {
+    const CentralEuropeanTime zone;
+    const std::pair<const char*, const char*> cases[] = {
+        {"2024-01-15 09:30", "2024-01-15T09:30:00+01:00"},
+        {"2024-07-01 09:30", "2024-07-01T09:30:00+02:00"},
+        {"2024-07-01", "2024-07-01T00:00:00+02:00"},
+        {"2024-03-31 02:30", "2024-03-31T03:30:00+02:00"}, // skipped by the jump forward
+    };
+    for (const auto& [local, iso] : cases) {
+        const auto moment = parseLocalMinute(local);
+        ASSERT_TRUE(moment) << local;
+        EXPECT_EQ(formatLocalIso8601(*moment), iso) << local;
+    }
+    EXPECT_EQ(formatLocalMinute(*parseLocalMinute("2024-11-03 17:05")), "2024-11-03 17:05");
+    for (const char* bad : {"", "2024-02-30", "2024-01-15 24:00", "2024-01-15T09:30",
+                            "2024-01-15 09:30:00", "15.01.2024"}) {
+        EXPECT_FALSE(parseLocalMinute(bad)) << bad;
+    }
 }
 
 TEST(AtomicFile, ReplacesContentAndLeavesNoTemporaryFile) {
