@@ -1,14 +1,25 @@
-// The audit log as the history grows: a full load() and one append(). Each is shown
-// next to a baseline from the same run, so the ratio reads the same on any machine:
-// load() against decoding the same history from the old audit-log.json text, append()
-// against one durable small-file write (write, fsync, rename), the floor of any commit.
+// The audit log as the history grows. Each figure is shown next to a baseline from the
+// same run, so the ratio reads the same on any machine: load() against decoding the same
+// history from the old audit-log.json text; append() against one durable small-file write
+// (write, fsync, rename), the floor of any commit; a page of runs() and totals() against
+// opening the same database and asking it "SELECT 1", the floor of any call, and against
+// the same call on a history of ten runs, to show the cost doesn't grow with the log.
 
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/LocalTime.h"
+#include "core/stores/AuditLogSchema.h"
 #include "core/stores/AuditLogStore.h"
 #include "core/stores/AuditRunJson.h"
+#include "core/stores/AuditRunWriter.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -22,7 +33,10 @@ AuditRun benchRun(std::size_t index) {
     run.id = Uuid::random();
     run.flowID = "receipts-to-folder-v1";
     run.flowName = "Receipts to folder";
-    run.timestamp = "2024-05-01 09:00";
+    // A run every quarter of an hour, back from the newest.
+    run.timestamp = formatLocalMinute(std::chrono::system_clock::time_point(
+        std::chrono::sys_days(std::chrono::year(2024) / 5 / 1) -
+        std::chrono::minutes(15) * static_cast<int>(index)));
     run.trigger = "schedule";
     run.status = index % 10 == 0 ? "failed" : "success";
     run.outputSummary = "Filed 4 receipts into 2024-05";
@@ -47,6 +61,112 @@ AuditLogDocument history(std::size_t runs) {
     }
     return document;
 }
+
+// A history of the given length written once per process, for the benchmarks that only
+// read it: 100,000 runs take a while to write. Written by the store's own writer in
+// batches, so the whole history never sits in memory at once.
+const AuditLogStore& seededStore(std::size_t runs) {
+    struct Seeded {
+        testing::TemporaryDirectory directory;
+        AuditLogStore store{directory.path() / "quorlin.sqlite",
+                            directory.path() / "audit-log.json"};
+    };
+    static std::map<std::size_t, std::unique_ptr<Seeded>> seeded;
+    auto& entry = seeded[runs];
+    if (!entry) {
+        entry = std::make_unique<Seeded>();
+        prepareAuditDatabase(entry->store.databasePath());
+        auto database = AuditDatabase::open(entry->store.databasePath());
+        constexpr std::size_t batch = 10'000;
+        for (std::size_t first = 0; first < runs; first += batch) {
+            database.inTransaction([&] {
+                AuditRunWriter writer(database);
+                for (std::size_t index = first; index < std::min(runs, first + batch); ++index) {
+                    // Oldest first, so the newest run is the last written.
+                    writer.insert(benchRun(runs - 1 - index));
+                }
+            });
+        }
+    }
+    return entry->store;
+}
+
+// The floor of any call on the database: open it, ask it one trivial thing, close it.
+void selectOne(const AuditLogStore& store) {
+    auto database = AuditDatabase::open(store.databasePath());
+    auto one = database.prepare("SELECT 1;");
+    benchmark::DoNotOptimize(one.step());
+}
+
+struct TimedCall {
+    std::string name;
+    std::function<void()> call;
+};
+
+// Times the first call and its baselines by turns in each iteration, and reports each in
+// milliseconds and the first's ratio to each baseline; the iteration time is the first's.
+void timeAgainstBaselines(benchmark::State& state, const std::vector<TimedCall>& calls) {
+    std::vector<double> seconds(calls.size(), 0);
+    for (auto _ : state) {
+        for (std::size_t index = 0; index < calls.size(); ++index) {
+            const auto start = Clock::now();
+            calls[index].call();
+            const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+            seconds[index] += elapsed;
+            if (index == 0) {
+                state.SetIterationTime(elapsed);
+            }
+        }
+    }
+    const auto iterations = static_cast<double>(state.iterations());
+    for (std::size_t index = 0; index < calls.size(); ++index) {
+        state.counters[calls[index].name + "_ms"] = 1000 * seconds[index] / iterations;
+        if (index > 0) {
+            state.counters[calls[0].name + "_over_" + calls[index].name] =
+                seconds[0] / seconds[index];
+        }
+    }
+}
+
+AuditRunQuery newestTen() {
+    AuditRunQuery query;
+    query.limit = 10;
+    return query;
+}
+
+// The newest ten of 100,000 runs, against "SELECT 1" on the same database.
+void BM_AuditLogNewestRuns(benchmark::State& state) {
+    const auto& store = seededStore(100'000);
+    timeAgainstBaselines(state,
+                         {{"runs", [&] { benchmark::DoNotOptimize(store.runs(newestTen())); }},
+                          {"select1", [&] { selectOne(store); }}});
+}
+BENCHMARK(BM_AuditLogNewestRuns)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
+
+// The newest ten of 100,000 runs, against the newest ten of ten.
+void BM_AuditLogNewestRunsByHistoryLength(benchmark::State& state) {
+    const auto& large = seededStore(100'000);
+    const auto& small = seededStore(10);
+    timeAgainstBaselines(
+        state, {{"runs_of_100k", [&] { benchmark::DoNotOptimize(large.runs(newestTen())); }},
+                {"runs_of_10", [&] { benchmark::DoNotOptimize(small.runs(newestTen())); }}});
+}
+BENCHMARK(BM_AuditLogNewestRunsByHistoryLength)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(2.0);
+
+// All-time totals of 100,000 runs, against "SELECT 1" on the same database and against
+// the totals of ten runs.
+void BM_AuditLogTotals(benchmark::State& state) {
+    const auto& large = seededStore(100'000);
+    const auto& small = seededStore(10);
+    timeAgainstBaselines(state,
+                         {{"totals_of_100k", [&] { benchmark::DoNotOptimize(large.totals()); }},
+                          {"select1", [&] { selectOne(large); }},
+                          {"totals_of_10", [&] { benchmark::DoNotOptimize(small.totals()); }}});
+}
+BENCHMARK(BM_AuditLogTotals)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 void BM_AuditLogLoad(benchmark::State& state) {
     const testing::TemporaryDirectory directory;

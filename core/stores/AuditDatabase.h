@@ -33,6 +33,8 @@ public:
     // A NULL where text is required throws "Unexpected null text column at index <i>".
     std::string text(int column) const;
     std::optional<std::string> optionalText(int column) const;
+    // The text without a copy, valid until the next step or reset.
+    std::optional<std::string_view> textView(int column) const;
     std::int64_t integer(int column) const;
     double real(int column) const;
 
@@ -67,6 +69,20 @@ public:
         try {
             body();
             execute("COMMIT;");
+        } catch (...) {
+            rollbackQuietly();
+            throw;
+        }
+    }
+
+    // Runs body inside "BEGIN" ... "COMMIT" and gives what it returns: all it reads is one
+    // snapshot, whatever other connections commit meanwhile.
+    template <typename Body> auto inReadTransaction(Body body) {
+        execute("BEGIN;");
+        try {
+            auto result = body();
+            execute("COMMIT;");
+            return result;
         } catch (...) {
             rollbackQuietly();
             throw;

@@ -5,7 +5,8 @@
 namespace quorlin {
 
 // Makes sure the folder, the file, the tables and the indexes of the audit database
-// exist, and brings a database from before error_json up to date.
+// exist, and brings a database from before error_json, or from before the kept totals and
+// the query indexes, up to date.
 void prepareAuditDatabase(const std::filesystem::path& path);
 
 // Imports the old JSON history beside the database into a database that holds no run

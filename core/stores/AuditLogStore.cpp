@@ -2,8 +2,12 @@
 
 #include "core/definitions/AppSupportPaths.h"
 #include "core/stores/AuditLogSchema.h"
+#include "core/stores/AuditRunFilter.h"
+#include "core/stores/AuditRunReader.h"
 #include "core/stores/AuditRunWriter.h"
 
+#include <algorithm>
+#include <limits>
 #include <string>
 
 // The database keeps SQLite's default rollback journal (with its default synchronous
@@ -17,66 +21,29 @@ namespace quorlin {
 
 namespace {
 
-// The columns readRun reads, in its order.
-constexpr std::string_view runColumns =
-    "SELECT id, flow_id, flow_name, timestamp, trigger, status, output_summary, "
-    "minutes_saved, llm_cost_usd, duration_seconds, output_folder FROM audit_runs ";
+constexpr std::string_view sums =
+    "COUNT(*), COALESCE(SUM(minutes_saved), 0), COALESCE(SUM(llm_cost_usd), 0.0)";
 
-// Every filter is written in and switched off by a NULL, so one statement serves every
-// query. lower() folds ASCII letters only, as status words are compared.
-constexpr std::string_view queriedRuns =
-    "WHERE (?1 IS NULL OR flow_id = ?1) AND (?2 IS NULL OR lower(status) = lower(?2)) "
-    "ORDER BY rowid DESC LIMIT ?3;";
-
-constexpr std::string_view selectTimings =
-    "SELECT step_id, title, duration_seconds FROM audit_step_timings "
-    "WHERE run_id = ? ORDER BY position ASC;";
-
-constexpr std::string_view selectRecords =
-    "SELECT step_id, title, input_json, output_json, error_json FROM audit_step_records "
-    "WHERE run_id = ? ORDER BY position ASC;";
-
-AuditRun readRun(const AuditStatement& row, const std::string& idText) {
-    AuditRun run;
-    const auto id = Uuid::parse(idText);
-    if (!id) {
-        throw AuditLogStoreError::sqlite("Invalid audit run id: " + idText);
-    }
-    run.id = *id;
-    run.flowID = row.text(1);
-    run.flowName = row.text(2);
-    run.timestamp = row.text(3);
-    run.trigger = row.text(4);
-    run.status = row.text(5);
-    run.outputSummary = row.text(6);
-    run.minutesSaved = row.integer(7);
-    run.llmCostUSD = row.real(8);
-    run.durationSeconds = row.real(9);
-    run.outputFolder = row.optionalText(10);
-    return run;
+// Limits and offsets beyond what SQLite counts in mean "all" and "past the end".
+std::int64_t sqlCount(std::size_t count) {
+    return static_cast<std::int64_t>(
+        std::min<std::size_t>(count, std::numeric_limits<std::int64_t>::max()));
 }
 
-// Reads every run the statement gives, each with its step rows.
-std::vector<AuditRun> readRuns(AuditDatabase& database, AuditStatement& runs) {
-    auto timings = database.prepare(selectTimings);
-    auto records = database.prepare(selectRecords);
-    std::vector<AuditRun> result;
-    while (runs.step()) {
-        // Step rows are looked up by the id as stored, whatever its letter case.
-        const std::string idText = runs.text(0);
-        AuditRun run = readRun(runs, idText);
-        timings.bindText(1, idText);
-        while (timings.step()) {
-            run.stepTimings.push_back({timings.text(0), timings.text(1), timings.real(2)});
-        }
-        timings.reset();
-        records.bindText(1, idText);
-        while (records.step()) {
-            run.stepRecords.push_back({records.text(0), records.text(1), records.optionalText(2),
-                                       records.optionalText(3), records.optionalText(4)});
-        }
-        records.reset();
-        result.push_back(std::move(run));
+AuditTotals readTotals(const AuditStatement& row, int first) {
+    return {row.integer(first), row.integer(first + 1), row.real(first + 2)};
+}
+
+// The totals of the runs the filter matches, one group per value of key.
+std::vector<AuditGroupTotals> groupTotals(AuditDatabase& database, const AuditRunFilter& filter,
+                                          std::string_view key, std::string_view order) {
+    auto groups = database.prepare("SELECT " + std::string(key) + ", " + std::string(sums) +
+                                   " FROM audit_runs " + filter.sql() + "GROUP BY 1 ORDER BY 1 " +
+                                   std::string(order) + ";");
+    filter.bind(groups);
+    std::vector<AuditGroupTotals> result;
+    while (groups.step()) {
+        result.push_back({groups.text(0), readTotals(groups, 1)});
     }
     return result;
 }
@@ -98,46 +65,70 @@ AuditDatabase AuditLogStore::openForReading() const {
 
 AuditLogDocument AuditLogStore::load() const {
     auto database = openForReading();
-    // Step rows are looked up run by run, all over the file; with SQLite's default 2 MB
-    // page cache a large history would be read from the file several times over. This one
-    // (at most 64 MiB) grows only as pages are read and goes with the connection.
-    database.execute("PRAGMA cache_size = -65536;");
-    auto runs = database.prepare(std::string(runColumns) + "ORDER BY rowid ASC;");
-    return {readRuns(database, runs)};
+    return {readAuditHistory(database)};
 }
 
 std::vector<AuditRun> AuditLogStore::runs(const AuditRunQuery& query) const {
+    const AuditRunFilter filter(query);
     auto database = openForReading();
-    auto runs = database.prepare(std::string(runColumns) + std::string(queriedRuns));
-    if (query.flowID) {
-        runs.bindText(1, *query.flowID);
-    }
-    if (query.status) {
-        runs.bindText(2, *query.status);
-    }
+    // The page's rowids are picked first: where an index serves the filters, SQLite finds
+    // and orders them in the index alone, and only the runs returned are read whole.
+    auto runs = database.prepare(std::string(selectAuditRuns) +
+                                 "WHERE rowid IN (SELECT rowid FROM audit_runs " + filter.sql() +
+                                 "ORDER BY rowid DESC LIMIT ? OFFSET ?) ORDER BY rowid DESC;");
+    const int next = filter.bind(runs);
     // A negative limit is no limit in SQLite.
-    runs.bindInteger(3, query.limit ? static_cast<std::int64_t>(*query.limit) : -1);
-    return readRuns(database, runs);
+    runs.bindInteger(next, query.limit ? sqlCount(*query.limit) : -1);
+    runs.bindInteger(next + 1, sqlCount(query.offset));
+    return readAuditRuns(database, runs);
 }
 
 std::vector<AuditRun> AuditLogStore::runsWithIDPrefix(std::string_view prefix) const {
     auto database = openForReading();
-    auto runs = database.prepare(std::string(runColumns) +
+    auto runs = database.prepare(std::string(selectAuditRuns) +
                                  "WHERE substr(upper(id), 1, length(?1)) = upper(?1) "
                                  "ORDER BY rowid ASC;");
     runs.bindText(1, prefix);
-    return readRuns(database, runs);
+    return readAuditRuns(database, runs);
 }
 
 AuditTotals AuditLogStore::totals() const {
     auto database = openForReading();
-    auto sums = database.prepare("SELECT COUNT(*), COALESCE(SUM(minutes_saved), 0), "
-                                 "COALESCE(SUM(llm_cost_usd), 0.0) FROM audit_runs;");
-    AuditTotals totals;
-    if (sums.step()) {
-        totals = {sums.integer(0), sums.integer(1), sums.real(2)};
+    auto kept = database.prepare(
+        "SELECT runs, minutes_saved, llm_cost_usd FROM audit_totals WHERE id = 1;");
+    if (kept.step()) {
+        return readTotals(kept, 0);
     }
-    return totals;
+    // Only a row deleted by hand gets here; the sum is right all the same.
+    auto summed = database.prepare("SELECT " + std::string(sums) + " FROM audit_runs;");
+    summed.step();
+    return readTotals(summed, 0);
+}
+
+AuditTotals AuditLogStore::totals(const AuditRunQuery& query) const {
+    const AuditRunFilter filter(query);
+    if (filter.empty()) {
+        return totals();
+    }
+    auto database = openForReading();
+    auto summed =
+        database.prepare("SELECT " + std::string(sums) + " FROM audit_runs " + filter.sql() + ";");
+    filter.bind(summed);
+    summed.step();
+    return readTotals(summed, 0);
+}
+
+std::vector<AuditGroupTotals> AuditLogStore::totalsByFlow(const AuditRunQuery& query) const {
+    const AuditRunFilter filter(query);
+    auto database = openForReading();
+    return groupTotals(database, filter, "flow_id", "ASC");
+}
+
+std::vector<AuditGroupTotals> AuditLogStore::totalsByMonth(const AuditRunQuery& query) const {
+    const AuditRunFilter filter(query);
+    auto database = openForReading();
+    // The stored timestamp is already local time: its month is its first seven characters.
+    return groupTotals(database, filter, "substr(timestamp, 1, 7)", "DESC");
 }
 
 void AuditLogStore::checkWritable() const {

@@ -30,11 +30,14 @@ public:
 // touches nothing on disk; the folder, the file and the tables appear on the first call.
 //
 // The old audit-log.json beside the database is imported once, by any call that reads or
-// appends,
-// into a database that holds no run yet; the file itself is never changed or removed.
-// A legacy file that can't be read or decoded fails those calls with its own error
+// appends, into a database that holds no run yet; the file itself is never changed or
+// removed. A legacy file that can't be read or decoded fails those calls with its own error
 // (FileError, JsonError, DecodingError) until it is mended or moved away, so no history
 // is dropped silently.
+//
+// Beside the history's own tables the database keeps indexes for the queries below and
+// the all-time totals, kept by triggers as runs are written or deleted, by this program
+// or an older build of it. A database from before them gains them on the first call.
 //
 // Other failures throw AuditLogStoreError, except a folder that can't be created
 // (FileError). A failed call leaves the previous content.
@@ -44,19 +47,37 @@ public:
     explicit AuditLogStore(const AppSupportPaths& paths);
     AuditLogStore(std::filesystem::path databasePath, std::filesystem::path legacyPath);
 
-    // Every run with its steps, in history order: the order runs were last written.
+    // Every run with its steps, in history order: the order runs were last written. One
+    // snapshot, whatever other processes write meanwhile.
     AuditLogDocument load() const;
 
     // The runs the query matches, newest first (the reverse of history order), each with
-    // its steps. Only the rows returned are read, so a short list costs the same in a long
-    // history as in a short one.
+    // its steps: the newest query.offset matches skipped, then at most query.limit. Only
+    // the runs returned are read whole, so a short page of the newest runs costs about the
+    // same in a long history as in a short one. The flow and time filters are found
+    // through an index; status and text are checked run by run from the newest, so a page
+    // of rare matches may read far back.
     std::vector<AuditRun> runs(const AuditRunQuery& query) const;
 
     // The runs whose id begins with prefix, letter case aside, in history order.
     std::vector<AuditRun> runsWithIDPrefix(std::string_view prefix) const;
 
-    // Counts and sums over every run, worked out by the database.
+    // Counts and sums over every run. Kept in the database as runs are written, so this
+    // reads one row whatever the length of the history.
     AuditTotals totals() const;
+
+    // Counts and sums over the runs the query matches; its limit and offset don't apply.
+    // Worked out by the database; a query without filters reads the kept totals.
+    AuditTotals totals(const AuditRunQuery& query) const;
+
+    // The totals of the matching runs per flow id, in byte order of the id (limit and
+    // offset don't apply). Only flows with a matching run appear.
+    std::vector<AuditGroupTotals> totalsByFlow(const AuditRunQuery& query) const;
+
+    // The totals of the matching runs per month of their timestamp, "yyyy-MM" in local
+    // time as the timestamp is, newest month first (limit and offset don't apply). Only
+    // months with a matching run appear.
+    std::vector<AuditGroupTotals> totalsByMonth(const AuditRunQuery& query) const;
 
     // Throws AuditLogStoreError (notWritable) when the database can't be written now (a
     // folder or file that can't be made or opened, a read-only file, a lock held past the

@@ -106,6 +106,17 @@ private:
     std::string buffer_;
 };
 
+// The kept totals must count every committed run once, whoever wrote it and however the
+// writer ended.
+void expectTotalsOf(const AuditLogDocument& document, const AuditTotals& totals) {
+    std::int64_t minutes = 0;
+    for (const auto& run : document.runs) {
+        minutes += run.minutesSaved;
+    }
+    EXPECT_EQ(totals.runs, static_cast<std::int64_t>(document.runs.size()));
+    EXPECT_EQ(totals.minutesSaved, minutes);
+}
+
 // Every run the child wrote must be whole: as many timing and record rows as its
 // summary ("steps=<n>") says, in order.
 void expectCompleteRuns(const AuditLogDocument& document) {
@@ -149,8 +160,10 @@ TEST(AuditLogCrashTest, AWriterKilledMidAppendLosesNothingCommittedAndLeavesNoHa
         const int status = writer.wait();
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
 
-        const auto document = AuditLogStore(database, directory.path() / "audit-log.json").load();
+        const AuditLogStore store(database, directory.path() / "audit-log.json");
+        const auto document = store.load();
         expectCompleteRuns(document);
+        expectTotalsOf(document, store.totals());
         std::set<std::string> present;
         for (const auto& run : document.runs) {
             present.insert(run.id.uppercaseString());
@@ -180,7 +193,9 @@ TEST(AuditLogCrashTest, TwoProcessesAppendingAtOnceBothSucceed) {
             EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << flow << ": " << status;
         }
     }
-    const auto document = AuditLogStore(database, directory.path() / "audit-log.json").load();
+    const AuditLogStore store(database, directory.path() / "audit-log.json");
+    const auto document = store.load();
+    expectTotalsOf(document, store.totals());
     std::map<std::string, std::set<std::string>> stored;
     for (const auto& run : document.runs) {
         stored[run.flowID].insert(run.id.uppercaseString());

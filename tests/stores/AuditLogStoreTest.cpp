@@ -8,8 +8,13 @@
 #include "tests/stores/SqliteTestSupport.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
 #include <functional>
+#include <map>
 
 #include <gtest/gtest.h>
 
@@ -72,7 +77,12 @@ TEST_F(AuditLogStoreTest, FreshInstallCreatesTheSchemaOnFirstUseOnly) {
     EXPECT_EQ(sqlQuery(fromPaths.databasePath(),
                        "SELECT name FROM sqlite_master WHERE type = 'index' AND name LIKE "
                        "'idx_%' ORDER BY name;"),
-              (SqlRows{{"idx_audit_step_records_run_id"}, {"idx_audit_step_timings_run_id"}}));
+              (SqlRows{{"idx_audit_runs_flow_id"},
+                       {"idx_audit_runs_timestamp"},
+                       {"idx_audit_step_records_run_id"},
+                       {"idx_audit_step_timings_run_id"}}));
+    EXPECT_EQ(sqlQuery(fromPaths.databasePath(), "SELECT * FROM audit_totals;"),
+              (SqlRows{{"1", "0", "0", "0.0"}}));
 }
 
 TEST_F(AuditLogStoreTest, RunsRoundTripInHistoryOrderWithAbsentFieldsKeptAbsent) {
@@ -368,6 +378,36 @@ TEST_F(AuditLogStoreTest, AFailedWriteLeavesThePreviousContent) {
     }
 }
 
+TEST_F(AuditLogStoreTest, StepRowsStoredOutOfOrderStillReadInPositionOrder) {
+    auto audit = store();
+    const AuditRun shuffled = sampleRun("shuffled", 3);
+    const AuditRun plain = sampleRun("plain", 2);
+    audit.append(shuffled);
+    audit.append(plain);
+    // Positions turned round by hand, and a step row whose run is gone.
+    const auto id = shuffled.id.uppercaseString();
+    for (const std::string table : {"audit_step_timings", "audit_step_records"}) {
+        sqlExecute(database(),
+                   "UPDATE " + table + " SET position = 2 - position WHERE run_id = '" + id + "';");
+    }
+    sqlExecute(database(), "INSERT INTO audit_step_timings (run_id, position, step_id, title, "
+                           "duration_seconds) VALUES ('gone', 0, 'x', 'X', 1);");
+
+    AuditRun expected = shuffled;
+    std::reverse(expected.stepTimings.begin(), expected.stepTimings.end());
+    std::reverse(expected.stepRecords.begin(), expected.stepRecords.end());
+    EXPECT_EQ(audit.load(), (AuditLogDocument{{expected, plain}}));
+    EXPECT_EQ(audit.runs({}), (std::vector<AuditRun>{plain, expected}));
+}
+
+// A query with only the fields that set assigns; written so because aggregate
+// initialisation would have to name every field.
+AuditRunQuery queryWith(const std::function<void(AuditRunQuery&)>& set) {
+    AuditRunQuery query;
+    set(query);
+    return query;
+}
+
 // What a history query must give: the runs of load(), newest first, filtered, cut.
 std::vector<AuditRun> expectedRuns(const AuditLogDocument& document, const AuditRunQuery& query) {
     const auto folded = [](std::string text) {
@@ -404,20 +444,29 @@ TEST_F(AuditLogStoreTest, QueriesAndTotalsAgreeWithTheWholeHistory) {
     const auto history = audit.load();
     const std::vector<AuditRunQuery> queries{
         {},
-        {std::nullopt, std::nullopt, 3},
-        {"receipts", std::nullopt, std::nullopt},
-        {std::nullopt, "success", std::nullopt},
-        {"inventory", "sUcCeSs", 2},
-        {"receipts", "failed", 1},
-        {"nobody", std::nullopt, std::nullopt},
-        {std::nullopt, "succ", std::nullopt},
+        queryWith([](auto& query) { query.limit = 3; }),
+        queryWith([](auto& query) { query.flowID = "receipts"; }),
+        queryWith([](auto& query) { query.status = "success"; }),
+        queryWith([](auto& query) {
+            query.flowID = "inventory";
+            query.status = "sUcCeSs";
+            query.limit = 2;
+        }),
+        queryWith([](auto& query) {
+            query.flowID = "receipts";
+            query.status = "failed";
+            query.limit = 1;
+        }),
+        queryWith([](auto& query) { query.flowID = "nobody"; }),
+        queryWith([](auto& query) { query.status = "succ"; }),
     };
     for (const auto& query : queries) {
         EXPECT_EQ(audit.runs(query), expectedRuns(history, query))
             << query.flowID.value_or("-") << " " << query.status.value_or("-") << " "
             << query.limit.value_or(0);
     }
-    EXPECT_EQ(audit.runs({std::nullopt, std::nullopt, 1}).front().id, written[1].id);
+    EXPECT_EQ(audit.runs(queryWith([](auto& query) { query.limit = 1; })).front().id,
+              written[1].id);
 
     const auto id = written[7].id.uppercaseString();
     for (const auto& prefix : {id, id.substr(0, 8), "  " + id}) {
@@ -472,6 +521,472 @@ TEST_F(AuditLogStoreTest, QueriesImportTheLegacyHistoryFirst) {
     EXPECT_EQ(audit.totals().runs, 3);
     EXPECT_EQ(audit.runs({}).size(), 3u);
     EXPECT_EQ(audit.runs({}).front().flowID, audit.load().runs.back().flowID);
+}
+
+// Sets the process's local time zone for the object's lifetime.
+class LocalZone {
+public:
+    explicit LocalZone(const char* zone) {
+        if (const char* current = std::getenv("TZ")) {
+            previous_ = current;
+        }
+        ::setenv("TZ", zone, 1);
+        ::tzset();
+    }
+    ~LocalZone() {
+        if (previous_) {
+            ::setenv("TZ", previous_->c_str(), 1);
+        } else {
+            ::unsetenv("TZ");
+        }
+        ::tzset();
+    }
+    LocalZone(const LocalZone&) = delete;
+    LocalZone& operator=(const LocalZone&) = delete;
+
+private:
+    std::optional<std::string> previous_;
+};
+
+// A moment given by the local wall clock.
+std::chrono::system_clock::time_point localTime(int year, int month, int day, int hour, int minute,
+                                                int second = 0) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    parts.tm_isdst = -1;
+    return std::chrono::system_clock::from_time_t(std::mktime(&parts));
+}
+
+constexpr std::chrono::milliseconds justAfter{1};
+
+// A history whose runs differ in every field a filter reads. Each run is known by a label
+// kept in its trigger, a field no filter reads. "feb-first" is written again last, so
+// history order and time order differ.
+class AuditLogQueryTest : public AuditLogStoreTest {
+protected:
+    void SetUp() override {
+        const struct {
+            const char* label;
+            const char* flowID;
+            const char* flowName;
+            const char* timestamp;
+            const char* status;
+            const char* summary;
+            std::int64_t minutes;
+            double cost;
+        } rows[] = {
+            {"old-year", "receipts", "Receipts", "2023-12-31 23:59", "Success", "Filed 3 receipts",
+             10, 0.5},
+            {"jan-last", "receipts", "Receipts", "2024-01-31 23:59", "success",
+             "Filed 1000 receipts", 20, 0.25},
+            {"feb-first", "inventory", "Inventory Sync", "2024-02-01 00:00", "Failed",
+             "Failed: step 2", 0, 0.125},
+            {"feb-mid", "mail_digest", "Mail digest", "2024-02-15 12:30", "Rejected",
+             "All proposals rejected", 0, 1.5},
+            {"mar", "mail-digest", "Mail digest (old)", "2024-03-01 09:30", "Success",
+             "Sent 100% of drafts to C:\\Drafts", 5, 0},
+            {"mar-late", "receipts", "Receipts", "2024-03-20 18:45", "FAILED", "Failed: no folder",
+             3, 0.75},
+            {"apr", "inventory", "Inventory Sync", "2024-04-02 07:00", "Success",
+             "Counted 40 items", 7, 0.0625},
+        };
+        auto audit = store();
+        for (const auto& row : rows) {
+            AuditRun run = sampleRun(row.flowID, 2);
+            run.trigger = row.label;
+            run.flowName = row.flowName;
+            run.timestamp = row.timestamp;
+            run.status = row.status;
+            run.outputSummary = row.summary;
+            run.minutesSaved = row.minutes;
+            run.llmCostUSD = row.cost;
+            run.stepRecords[0].inputJSON = R"({"token":"hidden-token"})";
+            audit.append(run);
+            byLabel.emplace(row.label, run);
+        }
+        byLabel["feb-first"].stepRecords[1].errorJSON = R"({"message":"Quota EXCEEDED"})";
+        audit.append(byLabel["feb-first"]);
+    }
+
+    // The labels of what runs() gives, after checking each is the run written, steps and all.
+    std::vector<std::string> labels(const AuditRunQuery& query) const {
+        std::vector<std::string> result;
+        for (const auto& run : store().runs(query)) {
+            EXPECT_EQ(run, byLabel.at(run.trigger));
+            result.push_back(run.trigger);
+        }
+        return result;
+    }
+
+    // Five and a half hours east of UTC, so a bound worked out in UTC, or on the wrong
+    // side of a minute, misses.
+    LocalZone zone{"XST-5:30"};
+    std::map<std::string, AuditRun> byLabel;
+};
+
+using Labels = std::vector<std::string>;
+
+TEST_F(AuditLogQueryTest, EachFilterAndTheirCombinationsMatchWhatTheyName) {
+    const struct {
+        std::string name;
+        std::function<void(AuditRunQuery&)> set;
+        Labels expected;
+    } cases[] = {
+        {"none",
+         [](auto&) {},
+         {"feb-first", "apr", "mar-late", "mar", "feb-mid", "jan-last", "old-year"}},
+        {"flow", [](auto& q) { q.flowID = "receipts"; }, {"mar-late", "jan-last", "old-year"}},
+        {"flow, _ and all", [](auto& q) { q.flowID = "mail_digest"; }, {"feb-mid"}},
+        {"status, any case", [](auto& q) { q.status = "failed"; }, {"feb-first", "mar-late"}},
+        {"since a minute's start",
+         [](auto& q) { q.since = localTime(2024, 2, 1, 0, 0); },
+         {"feb-first", "apr", "mar-late", "mar", "feb-mid"}},
+        {"since just after it",
+         [](auto& q) { q.since = localTime(2024, 2, 1, 0, 0) + justAfter; },
+         {"apr", "mar-late", "mar", "feb-mid"}},
+        {"since within the minute before",
+         [](auto& q) { q.since = localTime(2024, 1, 31, 23, 59, 30); },
+         {"feb-first", "apr", "mar-late", "mar", "feb-mid"}},
+        {"until a minute's start",
+         [](auto& q) { q.until = localTime(2024, 2, 1, 0, 0); },
+         {"jan-last", "old-year"}},
+        {"until just after it",
+         [](auto& q) { q.until = localTime(2024, 2, 1, 0, 0) + justAfter; },
+         {"feb-first", "jan-last", "old-year"}},
+        {"until the new year",
+         [](auto& q) { q.until = localTime(2024, 1, 1, 0, 0); },
+         {"old-year"}},
+        {"one month",
+         [](auto& q) {
+             q.since = localTime(2024, 3, 1, 0, 0);
+             q.until = localTime(2024, 4, 1, 0, 0);
+         },
+         {"mar-late", "mar"}},
+        {"empty span",
+         [](auto& q) {
+             q.since = localTime(2024, 3, 1, 9, 30);
+             q.until = localTime(2024, 3, 1, 9, 30);
+         },
+         {}},
+        {"text in the summary, any case", [](auto& q) { q.text = "FILED 1000"; }, {"jan-last"}},
+        {"text in the flow name", [](auto& q) { q.text = "inventory SYNC"; }, {"feb-first", "apr"}},
+        {"text in the flow id", [](auto& q) { q.text = "L-DIGEST"; }, {"mar"}},
+        {"text in a step's error", [](auto& q) { q.text = "quota exceeded"; }, {"feb-first"}},
+        {"text with _ matches only _", [](auto& q) { q.text = "mail_d"; }, {"feb-mid"}},
+        {"text with % matches only %", [](auto& q) { q.text = "100%"; }, {"mar"}},
+        {"text with a backslash", [](auto& q) { q.text = "c:\\drafts"; }, {"mar"}},
+        {"text only in a step's input", [](auto& q) { q.text = "hidden-token"; }, {}},
+        {"text only in the status", [](auto& q) { q.text = "success"; }, {}},
+        {"flow and status",
+         [](auto& q) {
+             q.flowID = "receipts";
+             q.status = "Failed";
+         },
+         {"mar-late"}},
+        {"flow and since",
+         [](auto& q) {
+             q.flowID = "inventory";
+             q.since = localTime(2024, 3, 1, 0, 0);
+         },
+         {"apr"}},
+        {"text, status and until",
+         [](auto& q) {
+             q.text = "receipts";
+             q.status = "SUCCESS";
+             q.until = localTime(2024, 2, 1, 0, 0);
+         },
+         {"jan-last", "old-year"}},
+        {"every filter",
+         [](auto& q) {
+             q.flowID = "inventory";
+             q.status = "failed";
+             q.since = localTime(2024, 2, 1, 0, 0);
+             q.until = localTime(2024, 2, 1, 0, 1);
+             q.text = "quota";
+         },
+         {"feb-first"}},
+        {"every filter, one not met",
+         [](auto& q) {
+             q.flowID = "receipts";
+             q.status = "failed";
+             q.since = localTime(2024, 2, 1, 0, 0);
+             q.text = "quota";
+         },
+         {}},
+    };
+    for (const auto& [name, set, expected] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(labels(queryWith(set)), expected);
+    }
+}
+
+TEST_F(AuditLogQueryTest, OffsetPagesThroughTheMatchesNewestFirst) {
+    const std::vector<std::function<void(AuditRunQuery&)>> filters{
+        [](auto&) {},
+        [](auto& q) { q.flowID = "receipts"; },
+        [](auto& q) { q.since = localTime(2024, 2, 1, 0, 0); },
+        [](auto& q) { q.text = "e"; },
+    };
+    for (std::size_t filter = 0; filter < filters.size(); ++filter) {
+        SCOPED_TRACE("filter " + std::to_string(filter));
+        const auto all = labels(queryWith(filters[filter]));
+        for (const std::size_t pageSize : {1u, 2u, 3u}) {
+            Labels paged;
+            for (std::size_t offset = 0; offset <= all.size(); offset += pageSize) {
+                auto page = queryWith(filters[filter]);
+                page.limit = pageSize;
+                page.offset = offset;
+                const auto got = labels(page);
+                EXPECT_LE(got.size(), pageSize);
+                paged.insert(paged.end(), got.begin(), got.end());
+            }
+            EXPECT_EQ(paged, all) << "pages of " << pageSize;
+        }
+        auto rest = queryWith(filters[filter]);
+        rest.offset = 2;
+        EXPECT_EQ(labels(rest),
+                  Labels(all.begin() + std::min<std::size_t>(2, all.size()), all.end()));
+        rest.offset = all.size();
+        EXPECT_TRUE(labels(rest).empty());
+    }
+}
+
+// What totals(query) must give: the sums over what runs(query) lists without its page.
+AuditTotals summed(const std::vector<AuditRun>& runs) {
+    AuditTotals totals;
+    for (const auto& run : runs) {
+        totals.runs += 1;
+        totals.minutesSaved += run.minutesSaved;
+        totals.llmCostUSD += run.llmCostUSD;
+    }
+    return totals;
+}
+
+void expectTotals(const AuditTotals& actual, const AuditTotals& expected) {
+    EXPECT_EQ(actual.runs, expected.runs);
+    EXPECT_EQ(actual.minutesSaved, expected.minutesSaved);
+    EXPECT_NEAR(actual.llmCostUSD, expected.llmCostUSD, 1e-9);
+}
+
+void expectGroups(const std::vector<AuditGroupTotals>& actual,
+                  const std::vector<AuditGroupTotals>& expected) {
+    ASSERT_EQ(actual.size(), expected.size());
+    for (std::size_t group = 0; group < actual.size(); ++group) {
+        EXPECT_EQ(actual[group].key, expected[group].key);
+        expectTotals(actual[group].totals, expected[group].totals);
+    }
+}
+
+TEST_F(AuditLogQueryTest, TotalsMatchTheQueryAsAWholeByFlowAndByMonth) {
+    const std::vector<std::function<void(AuditRunQuery&)>> filters{
+        [](auto&) {},
+        [](auto& q) { q.status = "failed"; },
+        [](auto& q) { q.since = localTime(2024, 2, 1, 0, 0) + justAfter; },
+        [](auto& q) {
+            q.text = "receipts";
+            q.until = localTime(2024, 3, 1, 0, 0);
+        },
+        [](auto& q) { q.flowID = "nobody"; },
+    };
+    const auto audit = store();
+    for (std::size_t filter = 0; filter < filters.size(); ++filter) {
+        SCOPED_TRACE("filter " + std::to_string(filter));
+        const auto matching = audit.runs(queryWith(filters[filter]));
+        std::map<std::string, std::vector<AuditRun>> flows;
+        std::map<std::string, std::vector<AuditRun>, std::greater<>> months;
+        for (const auto& run : matching) {
+            flows[run.flowID].push_back(run);
+            months[run.timestamp.substr(0, 7)].push_back(run);
+        }
+        std::vector<AuditGroupTotals> byFlow;
+        std::vector<AuditGroupTotals> byMonth;
+        for (const auto& [flow, runs] : flows) {
+            byFlow.push_back({flow, summed(runs)});
+        }
+        for (const auto& [month, runs] : months) {
+            byMonth.push_back({month, summed(runs)});
+        }
+
+        // A page of the query doesn't narrow its totals.
+        auto query = queryWith(filters[filter]);
+        query.limit = 1;
+        query.offset = 1;
+        expectTotals(audit.totals(query), summed(matching));
+        expectGroups(audit.totalsByFlow(query), byFlow);
+        expectGroups(audit.totalsByMonth(query), byMonth);
+    }
+
+    std::vector<std::string> flowKeys;
+    for (const auto& group : audit.totalsByFlow({})) {
+        flowKeys.push_back(group.key);
+    }
+    EXPECT_EQ(flowKeys, (Labels{"inventory", "mail-digest", "mail_digest", "receipts"}));
+    std::vector<std::string> monthKeys;
+    for (const auto& group : audit.totalsByMonth({})) {
+        monthKeys.push_back(group.key);
+    }
+    EXPECT_EQ(monthKeys, (Labels{"2024-04", "2024-03", "2024-02", "2024-01", "2023-12"}));
+}
+
+// The totals a history must show: the sums over load().
+void expectTotalsOfHistory(const AuditLogStore& audit) {
+    const auto expected = summed(audit.load().runs);
+    expectTotals(audit.totals(), expected);
+    EXPECT_EQ(audit.totals(AuditRunQuery{}), audit.totals());
+}
+
+AuditRun runWorth(std::string flowID, std::int64_t minutes, double cost) {
+    auto run = sampleRun(std::move(flowID), 1);
+    run.minutesSaved = minutes;
+    run.llmCostUSD = cost;
+    return run;
+}
+
+TEST_F(AuditLogStoreTest, KeptTotalsFollowEveryKindOfWrite) {
+    auto audit = store();
+    AuditRun first = runWorth("a", 10, 0.1);
+    const AuditRun replaced = runWorth("c", 4, 0.3);
+    const struct {
+        std::string name;
+        std::function<void()> write;
+    } writes[] = {
+        {"nothing yet", [] {}},
+        {"appends",
+         [&] {
+             audit.append(first);
+             audit.append(runWorth("b", 5, 0.2));
+         }},
+        {"an append replacing a run",
+         [&] {
+             first.minutesSaved = 1;
+             first.llmCostUSD = 0.7;
+             audit.append(first);
+         }},
+        {"a save",
+         [&] {
+             audit.save({{replaced, runWorth("d", 8, 0.05), runWorth("e", 0, 0)}});
+         }},
+        // Rows written as an older build writes them, knowing nothing of the totals.
+        {"a replace by hand",
+         [&] {
+             sqlExecute(database(),
+                        "INSERT OR REPLACE INTO audit_runs (id, flow_id, flow_name, timestamp, "
+                        "trigger, status, output_summary, minutes_saved, llm_cost_usd, "
+                        "duration_seconds, output_folder) VALUES ('" +
+                            replaced.id.uppercaseString() +
+                            "', 'c', 'C', '2024-05-01 10:00', 'manual', 'Success', 's', 40, "
+                            "1.25, 1, NULL);");
+         }},
+        {"a delete by hand",
+         [&] { sqlExecute(database(), "DELETE FROM audit_runs WHERE flow_id = 'd';"); }},
+        {"an update by hand",
+         [&] {
+             sqlExecute(database(), "UPDATE audit_runs SET minutes_saved = 2, llm_cost_usd = 0.5 "
+                                    "WHERE flow_id = 'e';");
+         }},
+        {"a failed append",
+         [&] {
+             sqlExecute(database(), "CREATE TRIGGER reject BEFORE INSERT ON audit_step_records "
+                                    "BEGIN SELECT RAISE(ABORT, 'rejected'); END;");
+             EXPECT_THROW(audit.append(runWorth("f", 100, 9)), AuditLogStoreError);
+             sqlExecute(database(), "DROP TRIGGER reject;");
+         }},
+        {"an empty save",
+         [&] {
+             audit.save({{runWorth("x", 1, 0.1), runWorth("y", 2, 0.2), runWorth("z", 3, 0.3)}});
+             audit.save({});
+             // Exactly, though 0.1 + 0.2 + 0.3 taken off one by one doesn't come to 0.
+             EXPECT_EQ(audit.totals(), AuditTotals{});
+         }},
+        {"a legacy import",
+         [&] {
+             writeLegacy(threeLegacyRuns);
+             audit.load();
+         }},
+        {"the kept row deleted by hand",
+         [&] {
+             sqlExecute(database(), "DELETE FROM audit_totals;");
+             audit.append(runWorth("g", 6, 0.125));
+         }},
+    };
+    for (const auto& [name, write] : writes) {
+        SCOPED_TRACE(name);
+        write();
+        expectTotalsOfHistory(audit);
+    }
+}
+
+// The schema as the version before the kept totals made it, with some history in it.
+void writeDatabaseOfThePreviousVersion(const std::filesystem::path& path,
+                                       const std::vector<AuditRun>& runs) {
+    createDirectories(path.parent_path());
+    std::string sql =
+        "CREATE TABLE audit_runs (id TEXT PRIMARY KEY NOT NULL, flow_id TEXT NOT NULL, "
+        "flow_name TEXT NOT NULL, timestamp TEXT NOT NULL, trigger TEXT NOT NULL, status TEXT "
+        "NOT NULL, output_summary TEXT NOT NULL, minutes_saved INTEGER NOT NULL, llm_cost_usd "
+        "REAL NOT NULL, duration_seconds REAL NOT NULL, output_folder TEXT);"
+        "CREATE TABLE audit_step_timings (id INTEGER PRIMARY KEY AUTOINCREMENT, run_id TEXT NOT "
+        "NULL, position INTEGER NOT NULL, step_id TEXT NOT NULL, title TEXT NOT NULL, "
+        "duration_seconds REAL NOT NULL, FOREIGN KEY (run_id) REFERENCES audit_runs(id) ON "
+        "DELETE CASCADE);"
+        "CREATE TABLE audit_step_records (id INTEGER PRIMARY KEY AUTOINCREMENT, run_id TEXT NOT "
+        "NULL, position INTEGER NOT NULL, step_id TEXT NOT NULL, title TEXT NOT NULL, input_json "
+        "TEXT, output_json TEXT, error_json TEXT, FOREIGN KEY (run_id) REFERENCES "
+        "audit_runs(id) ON DELETE CASCADE);"
+        "CREATE INDEX idx_audit_step_timings_run_id ON audit_step_timings(run_id, position);"
+        "CREATE INDEX idx_audit_step_records_run_id ON audit_step_records(run_id, position);";
+    for (const auto& run : runs) {
+        const auto id = run.id.uppercaseString();
+        sql += "INSERT INTO audit_runs VALUES ('" + id + "', '" + run.flowID + "', 'Name', '" +
+               run.timestamp + "', 'manual', 'Success', 'Summary', " +
+               std::to_string(run.minutesSaved) + ", " + std::to_string(run.llmCostUSD) +
+               ", 1.5, NULL);";
+        sql += "INSERT INTO audit_step_timings (run_id, position, step_id, title, "
+               "duration_seconds) VALUES ('" +
+               id + "', 0, 's', 'S', 0.5);";
+        sql += "INSERT INTO audit_step_records (run_id, position, step_id, title, error_json) "
+               "VALUES ('" +
+               id + "', 0, 's', 'S', '{\"message\":\"disk full\"}');";
+    }
+    sqlExecute(path, sql);
+}
+
+TEST_F(AuditLogStoreTest, ADatabaseOfThePreviousVersionGainsTotalsAndIndexesKeepingItsTables) {
+    std::vector<AuditRun> runs;
+    for (int index = 0; index < 5; ++index) {
+        auto run = runWorth(index % 2 == 0 ? "even" : "odd", index, 0.5 * index);
+        run.timestamp = "2024-0" + std::to_string(index + 1) + "-10 08:00";
+        runs.push_back(run);
+    }
+    writeDatabaseOfThePreviousVersion(database(), runs);
+    const auto tablesBefore = sqlQuery(database(), "SELECT name, sql FROM sqlite_master "
+                                                   "WHERE name LIKE 'audit_%' AND type = 'table' "
+                                                   "OR name LIKE 'idx_audit_step%' ORDER BY name;");
+
+    auto audit = store();
+    expectTotals(audit.totals(), summed(runs));
+    EXPECT_EQ(sqlQuery(database(), "SELECT name FROM sqlite_master WHERE type = 'index' AND "
+                                   "name LIKE 'idx_audit_runs%' ORDER BY name;"),
+              (SqlRows{{"idx_audit_runs_flow_id"}, {"idx_audit_runs_timestamp"}}));
+    // The history's own tables and indexes are left as they were; ours come beside them.
+    auto tablesAfter = sqlQuery(database(), "SELECT name, sql FROM sqlite_master "
+                                            "WHERE name LIKE 'audit_%' AND type = 'table' "
+                                            "OR name LIKE 'idx_audit_step%' ORDER BY name;");
+    std::erase_if(tablesAfter, [](const auto& row) { return row[0] == "audit_totals"; });
+    EXPECT_EQ(tablesAfter, tablesBefore);
+
+    // The old rows answer the new queries, and later writes keep the totals.
+    auto query = queryWith([](auto& q) { q.text = "DISK FULL"; });
+    EXPECT_EQ(audit.runs(query).size(), runs.size());
+    query = queryWith([](auto& q) { q.flowID = "even"; });
+    expectTotals(audit.totals(query), summed({runs[0], runs[2], runs[4]}));
+    audit.append(runWorth("even", 100, 2));
+    expectTotalsOfHistory(audit);
 }
 
 } // namespace
