@@ -2,14 +2,22 @@
 
 #include "Error.h"
 
-#include <openssl/rand.h>
+#include <cerrno>
+#include <sys/random.h>
 
 namespace quorlin {
 
+// Straight from the kernel: starting OpenSSL's generator costs a run a few milliseconds
+// (it reads its configuration) for sixteen bytes.
 Uuid Uuid::random() {
     Uuid uuid;
-    if (RAND_bytes(uuid.bytes_.data(), static_cast<int>(uuid.bytes_.size())) != 1) {
-        throw Error("The system's random number generator failed.");
+    std::size_t filled = 0;
+    while (filled < uuid.bytes_.size()) {
+        const auto got = ::getrandom(uuid.bytes_.data() + filled, uuid.bytes_.size() - filled, 0);
+        if (got < 0 && errno != EINTR) {
+            throw Error("The system's random number generator failed.");
+        }
+        filled += got > 0 ? static_cast<std::size_t>(got) : 0;
     }
     uuid.bytes_[6] = static_cast<std::uint8_t>((uuid.bytes_[6] & 0x0F) | 0x40);
     uuid.bytes_[8] = static_cast<std::uint8_t>((uuid.bytes_[8] & 0x3F) | 0x80);
