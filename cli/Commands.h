@@ -1,24 +1,22 @@
 #pragma once
 
-#include <string>
-#include <vector>
+#include "cli/CommandLine.h"
 
 namespace quorlin::cli {
 
-using Arguments = std::vector<std::string>;
-
-// Each command takes the words after its name and returns the process exit status.
-int inspectCommand(const Arguments& arguments);
-int runCommand(const Arguments& arguments);
-int profileCommand(const Arguments& arguments);
-int flowsCommand(const Arguments& arguments);
-int validateCommand(const Arguments& arguments);
-int installCommand(const Arguments& arguments);
-int uninstallCommand(const Arguments& arguments);
-int packCommand(const Arguments& arguments);
-int historyCommand(const Arguments& arguments);
-
-// Prints "quorlin: <message>" to stderr and returns the failure status.
-int fail(const std::string& message);
+// Each command takes its parsed command line and returns the process exit status.
+int runCommand(const ParsedArguments& arguments);
+int flowsCommand(const ParsedArguments& arguments);
+int validateCommand(const ParsedArguments& arguments);
+int inspectCommand(const ParsedArguments& arguments);
+int blocksCommand(const ParsedArguments& arguments);
+int historyCommand(const ParsedArguments& arguments);
+int historyShowCommand(const ParsedArguments& arguments);
+int installCommand(const ParsedArguments& arguments);
+int uninstallCommand(const ParsedArguments& arguments);
+int packCommand(const ParsedArguments& arguments);
+int profileCommand(const ParsedArguments& arguments);
+int completionCommand(const ParsedArguments& arguments);
+int helpCommand(const ParsedArguments& arguments);
 
 } // namespace quorlin::cli

@@ -1,76 +1,142 @@
 #include "cli/Commands.h"
+#include "cli/RunReport.h"
 #include "core/definitions/AppSupportPaths.h"
 #include "core/foundation/Error.h"
 #include "core/foundation/Json.h"
+#include "core/foundation/LocalTime.h"
 #include "core/foundation/Text.h"
 #include "core/stores/AuditLogStore.h"
 #include "core/stores/AuditRunJson.h"
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <optional>
 
 namespace quorlin::cli {
 
 namespace {
 
-constexpr const char* usage =
-    "usage: quorlin history [--flow <id>] [--status <word>] [--limit N] [--json | --csv]\n"
-    "       quorlin history show <run-id> [--json]";
-
 enum class Format { table, json, csv };
+
+// Without --limit the table shows a screenful; JSON and CSV, being exports, show all.
+constexpr std::size_t defaultTableLimit = 50;
+constexpr std::size_t tableSummaryLength = 60;
+
+std::size_t positiveCount(const std::string& option, const std::string& text, bool zeroAllowed) {
+    std::size_t count = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    if (error != std::errc() || end != text.data() + text.size() || (count == 0 && !zeroAllowed)) {
+        throw UsageError(option + " needs a " + (zeroAllowed ? "" : "positive ") +
+                             "whole number, not '" + text + "'",
+                         "history");
+    }
+    return count;
+}
+
+// "7d", "12h" or "2w": that long before now.
+std::optional<SystemTime> spanBeforeNow(const std::string& text) {
+    if (text.size() < 2 || text.find_first_not_of("0123456789") != text.size() - 1) {
+        return std::nullopt;
+    }
+    std::size_t amount = 0;
+    std::from_chars(text.data(), text.data() + text.size() - 1, amount);
+    const std::map<char, std::chrono::hours> units{{'h', std::chrono::hours(1)},
+                                                   {'d', std::chrono::hours(24)},
+                                                   {'w', std::chrono::hours(168)}};
+    const auto unit = units.find(text.back());
+    if (unit == units.end()) {
+        return std::nullopt;
+    }
+    return std::chrono::system_clock::now() - unit->second * static_cast<long>(amount);
+}
+
+// A local date (its midnight, or with endOfDay the next one, so that the day is
+// included), a local date and time, or a span before now.
+SystemTime boundary(const std::string& option, const std::string& text, bool endOfDay) {
+    if (const auto moment = spanBeforeNow(text)) {
+        return *moment;
+    }
+    const auto moment = parseLocalMinute(text);
+    if (!moment) {
+        throw UsageError(option + " takes a date (2024-05-01), a date and time (\"2024-05-01 " +
+                             "09:00\") or a span before now (12h, 7d, 2w), not '" + text + "'",
+                         "history");
+    }
+    if (!endOfDay || text.size() != 10) {
+        return *moment;
+    }
+    // The next day's midnight, by the calendar: a day with a clock change is not 24 h.
+    int year = 0;
+    unsigned month = 0, day = 0;
+    std::sscanf(text.c_str(), "%4d-%2u-%2u", &year, &month, &day);
+    const std::chrono::year_month_day following{
+        std::chrono::sys_days(std::chrono::year_month_day{
+            std::chrono::year(year), std::chrono::month(month), std::chrono::day(day)}) +
+        std::chrono::days(1)};
+    char next[16];
+    std::snprintf(next, sizeof next, "%04d-%02u-%02u", static_cast<int>(following.year()),
+                  static_cast<unsigned>(following.month()), static_cast<unsigned>(following.day()));
+    return parseLocalMinute(next).value_or(*moment + std::chrono::hours(24));
+}
 
 struct ListOptions {
     AuditRunQuery query;
     Format format = Format::table;
+    bool totals = false;
+    bool limited = false; // by --limit, not by the default
 };
 
-// A command line that doesn't fit; the text says what is wrong, the usage follows.
-class UsageError : public Error {
-public:
-    explicit UsageError(const std::string& problem) : Error(problem) {}
-};
-
-ListOptions parseListOptions(const Arguments& arguments) {
+ListOptions listOptions(const ParsedArguments& arguments) {
     ListOptions options;
-    for (std::size_t index = 0; index < arguments.size(); ++index) {
-        const std::string& word = arguments[index];
-        const auto value = [&]() -> const std::string& {
-            if (index + 1 >= arguments.size()) {
-                throw UsageError(word + " needs a value");
-            }
-            return arguments[++index];
-        };
-        const auto setFormat = [&](Format format) {
-            if (options.format != Format::table && options.format != format) {
-                throw UsageError("--json and --csv can't be combined");
-            }
-            options.format = format;
-        };
-        if (word == "--flow") {
-            options.query.flowID = value();
-        } else if (word == "--status") {
-            options.query.status = value();
-        } else if (word == "--limit") {
-            const std::string& text = value();
-            std::size_t limit = 0;
-            const auto [end, error] =
-                std::from_chars(text.data(), text.data() + text.size(), limit);
-            if (error != std::errc() || end != text.data() + text.size() || limit == 0) {
-                throw UsageError("--limit needs a positive whole number, not '" + text + "'");
-            }
-            options.query.limit = limit;
-        } else if (word == "--json") {
-            setFormat(Format::json);
-        } else if (word == "--csv") {
-            setFormat(Format::csv);
-        } else {
-            throw UsageError("unexpected argument '" + word + "'");
+    if (arguments.has("--json") && arguments.has("--csv")) {
+        throw UsageError("--json and --csv can't be combined", "history");
+    }
+    options.format = arguments.has("--json")  ? Format::json
+                     : arguments.has("--csv") ? Format::csv
+                                              : Format::table;
+    options.totals = arguments.has("--totals");
+    auto& query = options.query;
+    query.flowID = arguments.value("--flow");
+    query.status = arguments.value("--status");
+    if (arguments.has("--failed")) {
+        if (query.status && *query.status != "failed") {
+            throw UsageError("--failed and --status " + *query.status + " can't be combined",
+                             "history");
         }
+        query.status = "failed";
+    }
+    if (const auto since = arguments.value("--since")) {
+        query.since = boundary("--since", *since, false);
+    }
+    if (const auto until = arguments.value("--until")) {
+        query.until = boundary("--until", *until, true);
+    }
+    query.text = arguments.value("--search");
+    if (const auto limit = arguments.value("--limit")) {
+        query.limit = positiveCount("--limit", *limit, false);
+        options.limited = true;
+    } else if (options.format == Format::table) {
+        query.limit = defaultTableLimit;
+    }
+    if (const auto offset = arguments.value("--offset")) {
+        query.offset = positiveCount("--offset", *offset, true);
     }
     return options;
+}
+
+bool filtered(const AuditRunQuery& query) {
+    return query.flowID || query.status || query.since || query.until || query.text;
+}
+
+// The stored local minute as ISO 8601 with its offset, for exports; empty when the text
+// isn't a local minute (an imported row may hold anything).
+std::string isoTime(const std::string& timestamp) {
+    const auto moment = parseLocalMinute(timestamp);
+    return moment ? formatLocalIso8601(*moment) : "";
 }
 
 std::string oneLine(std::string text) {
@@ -93,13 +159,25 @@ std::size_t characterCount(std::string_view text) {
     return count;
 }
 
+// At most length characters, the cut marked with an ellipsis.
+std::string shortened(const std::string& text, std::size_t length) {
+    if (characterCount(text) <= length) {
+        return text;
+    }
+    std::size_t offset = 0;
+    for (std::size_t count = 0; count + 1 < length; ++count) {
+        decodeCodePoint(text, offset);
+    }
+    return text.substr(0, offset) + "…";
+}
+
 void printTable(const std::vector<AuditRun>& runs) {
     std::vector<std::vector<std::string>> rows{
         {"RUN", "TIME", "FLOW", "STATUS", "DURATION", "SUMMARY"}};
     for (const auto& run : runs) {
         rows.push_back({run.id.uppercaseString().substr(0, 8), oneLine(run.timestamp),
                         oneLine(run.flowID), oneLine(run.status), seconds(run.durationSeconds),
-                        oneLine(run.outputSummary)});
+                        shortened(oneLineSummary(run.outputSummary), tableSummaryLength)});
     }
     std::vector<std::size_t> widths(rows[0].size(), 0);
     for (const auto& row : rows) {
@@ -133,11 +211,12 @@ std::string csvField(const std::string& text) {
 }
 
 void printCsv(const std::vector<AuditRun>& runs) {
-    std::cout << "id,timestamp,flowID,flowName,trigger,status,durationSeconds,minutesSaved,"
-                 "llmCostUSD,outputSummary,outputFolder\n";
+    std::cout << "id,timestamp,localTime,flowID,flowName,trigger,status,durationSeconds,"
+                 "minutesSaved,llmCostUSD,outputSummary,outputFolder\n";
     for (const auto& run : runs) {
         const std::vector<std::string> fields{run.id.uppercaseString(),
                                               run.timestamp,
+                                              isoTime(run.timestamp),
                                               run.flowID,
                                               run.flowName,
                                               run.trigger,
@@ -171,6 +250,15 @@ void printPayload(const char* label, const std::optional<std::string>& payload) 
     }
 }
 
+// The message of a step's error record; the whole record when it has none.
+std::string errorText(const std::string& errorJSON) {
+    const auto json = parseJsonOrDiscarded(errorJSON);
+    if (json.is_object() && json.contains("message") && json["message"].is_string()) {
+        return json["message"].get<std::string>();
+    }
+    return errorJSON;
+}
+
 void printRun(const AuditRun& run) {
     char cost[64];
     std::snprintf(cost, sizeof cost, "$%.2f", run.llmCostUSD);
@@ -186,6 +274,12 @@ void printRun(const AuditRun& run) {
         std::cout << "Output    " << *run.outputFolder << '\n';
     }
     std::cout << "Summary   " << run.outputSummary << '\n';
+    for (const auto& record : run.stepRecords) {
+        if (record.errorJSON) {
+            std::cout << "Failed at " << record.title << " (" << record.stepID << ")\n"
+                      << "Error     " << errorText(*record.errorJSON) << '\n';
+        }
+    }
     std::cout << "\nStep timings" << (run.stepTimings.empty() ? ": none" : "") << '\n';
     for (std::size_t index = 0; index < run.stepTimings.size(); ++index) {
         const auto& timing = run.stepTimings[index];
@@ -202,73 +296,146 @@ void printRun(const AuditRun& run) {
     }
 }
 
-int showCommand(const Arguments& arguments) {
-    bool json = false;
-    std::vector<std::string> ids;
-    for (const auto& word : arguments) {
-        if (word == "--json") {
-            json = true;
-        } else if (startsWith(word, "-")) {
-            throw UsageError("unexpected argument '" + word + "'");
-        } else {
-            ids.push_back(word);
+nlohmann::json runJson(const AuditRun& run) {
+    auto json = toJson(run);
+    json["localTime"] = isoTime(run.timestamp);
+    return json;
+}
+
+nlohmann::json totalsJson(const AuditTotals& totals) {
+    return {{"runs", totals.runs},
+            {"minutesSaved", totals.minutesSaved},
+            {"llmCostUSD", totals.llmCostUSD}};
+}
+
+std::string totalsLine(const std::string& label, const AuditTotals& totals, std::size_t width) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%-*s  %7lld  %9lld  %10.2f", static_cast<int>(width),
+                  label.c_str(), static_cast<long long>(totals.runs),
+                  static_cast<long long>(totals.minutesSaved), totals.llmCostUSD);
+    return line;
+}
+
+void printTotals(const AuditLogStore& store, const ListOptions& options) {
+    const auto all = store.totals(options.query);
+    const auto byFlow = store.totalsByFlow(options.query);
+    const auto byMonth = store.totalsByMonth(options.query);
+    if (options.format == Format::json) {
+        nlohmann::json json{{"total", totalsJson(all)},
+                            {"byFlow", nlohmann::json::object()},
+                            {"byMonth", nlohmann::json::object()}};
+        for (const auto& group : byFlow) {
+            json["byFlow"][group.key] = totalsJson(group.totals);
+        }
+        for (const auto& group : byMonth) {
+            json["byMonth"][group.key] = totalsJson(group.totals);
+        }
+        std::cout << prettySortedJson(json) << '\n';
+        return;
+    }
+    if (options.format == Format::csv) {
+        std::cout << "group,key,runs,minutesSaved,llmCostUSD\n";
+        const auto row = [](const char* group, const std::string& key, const AuditTotals& totals) {
+            std::cout << group << ',' << csvField(key) << ',' << totals.runs << ','
+                      << totals.minutesSaved << ',' << nlohmann::json(totals.llmCostUSD).dump()
+                      << '\n';
+        };
+        row("total", "", all);
+        for (const auto& group : byFlow) {
+            row("flow", group.key, group.totals);
+        }
+        for (const auto& group : byMonth) {
+            row("month", group.key, group.totals);
+        }
+        return;
+    }
+    std::size_t width = 7;
+    for (const auto& group : byFlow) {
+        width = std::max(width, characterCount(group.key));
+    }
+    std::cout << std::string(width, ' ') << "     RUNS  MIN SAVED  LLM COST $\n"
+              << totalsLine("All", all, width) << '\n';
+    if (!byFlow.empty()) {
+        std::cout << "\nBy flow\n";
+        for (const auto& group : byFlow) {
+            std::cout << totalsLine(group.key, group.totals, width) << '\n';
         }
     }
-    if (ids.size() != 1 || ids[0].empty()) {
-        throw UsageError("'history show' takes one run id");
+    if (!byMonth.empty()) {
+        std::cout << "\nBy month\n";
+        for (const auto& group : byMonth) {
+            std::cout << totalsLine(group.key, group.totals, width) << '\n';
+        }
     }
-    const auto matches = AuditLogStore(AppSupportPaths::fromEnvironment()).runsWithIDPrefix(ids[0]);
-    if (matches.empty()) {
-        return fail("no run with id '" + ids[0] + "'. Run 'quorlin history' for the list.");
+}
+
+void printRuns(const AuditLogStore& store, const ListOptions& options) {
+    const auto runs = store.runs(options.query);
+    switch (options.format) {
+    case Format::json: {
+        nlohmann::json list = nlohmann::json::array();
+        for (const auto& run : runs) {
+            list.push_back(runJson(run));
+        }
+        std::cout << prettySortedJson(list) << '\n';
+        return;
     }
-    if (matches.size() > 1) {
-        return fail("run id '" + ids[0] + "' matches " + std::to_string(matches.size()) +
-                    " runs; give more of it.");
+    case Format::csv:
+        printCsv(runs);
+        return;
+    case Format::table:
+        break;
     }
-    if (json) {
-        std::cout << prettySortedJson(toJson(matches.front())) << '\n';
-    } else {
-        printRun(matches.front());
+    if (runs.empty()) {
+        std::cout << (filtered(options.query) || options.query.offset ? "No runs match.\n"
+                                                                      : "No runs recorded yet.\n");
+        return;
     }
-    return 0;
+    printTable(runs);
+    // Say so when the default limit hid older runs; a chosen limit needs no reminder.
+    if (!options.limited && runs.size() == defaultTableLimit) {
+        const auto total = store.totals(options.query).runs;
+        const auto shown = static_cast<std::int64_t>(options.query.offset + runs.size());
+        if (total > shown) {
+            std::cerr << "Showing " << runs.size() << " of " << total
+                      << " runs; use --limit and --offset for more.\n";
+        }
+    }
 }
 
 } // namespace
 
-// Lists the audit history newest first, or shows one run with its steps.
-int historyCommand(const Arguments& arguments) {
-    try {
-        if (!arguments.empty() && arguments[0] == "show") {
-            return showCommand(Arguments(arguments.begin() + 1, arguments.end()));
-        }
-        const ListOptions options = parseListOptions(arguments);
-        const auto runs = AuditLogStore(AppSupportPaths::fromEnvironment()).runs(options.query);
-        switch (options.format) {
-        case Format::json: {
-            nlohmann::json list = nlohmann::json::array();
-            for (const auto& run : runs) {
-                list.push_back(toJson(run));
-            }
-            std::cout << prettySortedJson(list) << '\n';
-            break;
-        }
-        case Format::csv:
-            printCsv(runs);
-            break;
-        case Format::table:
-            if (runs.empty()) {
-                std::cout << (options.query.flowID || options.query.status
-                                  ? "No runs match.\n"
-                                  : "No runs recorded yet.\n");
-            } else {
-                printTable(runs);
-            }
-            break;
-        }
-        return 0;
-    } catch (const UsageError& error) {
-        return fail(std::string(error.what()) + "\n" + usage);
+int historyCommand(const ParsedArguments& arguments) {
+    const ListOptions options = listOptions(arguments);
+    const AuditLogStore store(AppSupportPaths::fromEnvironment());
+    if (options.totals) {
+        printTotals(store, options);
+    } else {
+        printRuns(store, options);
     }
+    return exitStatus::success;
+}
+
+// One run with its steps, found by the first characters of its id.
+int historyShowCommand(const ParsedArguments& arguments) {
+    const auto& prefix = arguments.operands[0];
+    if (prefix.empty()) {
+        throw UsageError("'history show' needs a run id", "history show");
+    }
+    const auto matches = AuditLogStore(AppSupportPaths::fromEnvironment()).runsWithIDPrefix(prefix);
+    if (matches.empty()) {
+        return fail("no run with id '" + prefix + "'. Run 'quorlin history' for the list.");
+    }
+    if (matches.size() > 1) {
+        return fail("run id '" + prefix + "' matches " + std::to_string(matches.size()) +
+                    " runs; give more of it.");
+    }
+    if (arguments.has("--json")) {
+        std::cout << prettySortedJson(runJson(matches.front())) << '\n';
+    } else {
+        printRun(matches.front());
+    }
+    return exitStatus::success;
 }
 
 } // namespace quorlin::cli

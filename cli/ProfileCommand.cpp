@@ -11,13 +11,9 @@ namespace quorlin::cli {
 
 // Prints the client profile as the engine reads it, in the form a save writes it, so a
 // user sees what every key resolved to ("default_provider" shows as "default").
-int profileCommand(const Arguments& arguments) {
-    const bool pathOnly = arguments.size() == 1 && arguments[0] == "--path";
-    if (!arguments.empty() && !pathOnly) {
-        return fail("usage: quorlin profile [--path]");
-    }
+int profileCommand(const ParsedArguments& arguments) {
     const ClientProfileStore store(AppSupportPaths::fromEnvironment());
-    if (pathOnly) {
+    if (arguments.has("--path")) {
         std::cout << store.profilePath().string() << '\n';
         return 0;
     }

@@ -4,7 +4,8 @@
 
 namespace quorlin::cli {
 
-ProgressPrinter::ProgressPrinter(std::FILE* out) : out_(out), terminal_(isatty(fileno(out)) != 0) {}
+ProgressPrinter::ProgressPrinter(std::FILE* out, bool redraw)
+    : out_(out), terminal_(redraw && isatty(fileno(out)) != 0) {}
 
 void ProgressPrinter::show(const FlowRunSession& session) {
     for (std::size_t index = 0; index < session.liveSteps.size(); ++index) {
@@ -19,8 +20,12 @@ void ProgressPrinter::show(const FlowRunSession& session) {
 }
 
 void ProgressPrinter::changed(const LiveStep& step, std::size_t index, std::size_t count) {
+    // Session titles are numbered ("2. Write the report"); the counter says it already.
+    const std::string number = std::to_string(index + 1) + ". ";
+    const std::string title =
+        step.title.starts_with(number) ? step.title.substr(number.size()) : step.title;
     const std::string label =
-        "[" + std::to_string(index + 1) + "/" + std::to_string(count) + "] " + step.title;
+        "[" + std::to_string(index + 1) + "/" + std::to_string(count) + "] " + title;
     using Kind = LiveStepState::Kind;
     if (step.state.kind == Kind::pending) {
         return;

@@ -12,13 +12,13 @@ namespace quorlin::cli {
 // is redrawn when it ends; piped, each change is a plain line.
 class ProgressPrinter {
 public:
-    explicit ProgressPrinter(std::FILE* out);
+    // redraw: on a terminal, redraw the running step's line; off when other output (a
+    // script's log) goes between the lines.
+    ProgressPrinter(std::FILE* out, bool redraw);
 
     void show(const FlowRunSession& session);
     // Closes a running line left open, before other output.
     void finishLine();
-
-    bool isTerminal() const { return terminal_; }
 
 private:
     void changed(const LiveStep& step, std::size_t index, std::size_t count);

@@ -1,5 +1,7 @@
 #include "cli/Commands.h"
+#include "cli/InterruptWatcher.h"
 #include "cli/ProgressPrinter.h"
+#include "cli/RunReport.h"
 #include "core/definitions/AppSupportPaths.h"
 #include "core/definitions/ClientProfileStore.h"
 #include "core/definitions/QuorlinResources.h"
@@ -12,139 +14,128 @@
 #include "core/foundation/Text.h"
 #include "core/stores/AuditLogStore.h"
 
-#include <array>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
 #include <cstdio>
-#include <exception>
-#include <functional>
+#include <cstdlib>
 #include <iostream>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
-#include <thread>
+#include <map>
+#include <mutex>
 #include <unistd.h>
 
 namespace quorlin::cli {
 
 namespace {
 
-// Turns Ctrl-C (and SIGTERM) into a cancel of the run. The signals are blocked in every
-// thread and read from a signalfd, so no handler runs in signal context; an eventfd wakes
-// the watcher at once when the run is over, so leaving waits for nothing.
-class InterruptWatcher {
-public:
-    explicit InterruptWatcher(std::function<void()> onInterrupt) {
-        sigemptyset(&signals_);
-        sigaddset(&signals_, SIGINT);
-        sigaddset(&signals_, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-        signalFd_ = ::signalfd(-1, &signals_, SFD_CLOEXEC);
-        wakeFd_ = ::eventfd(0, EFD_CLOEXEC);
-        if (signalFd_ < 0 || wakeFd_ < 0) {
-            // Without them the signals keep their default action: they end the process.
-            closeAll();
-            return;
-        }
-        thread_ = std::jthread([this, onInterrupt = std::move(onInterrupt)] {
-            std::array<pollfd, 2> watched{{{signalFd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}}};
-            while (::poll(watched.data(), watched.size(), -1) >= 0 || errno == EINTR) {
-                if (watched[1].revents != 0) {
-                    return;
-                }
-                signalfd_siginfo taken{};
-                if (watched[0].revents != 0 &&
-                    ::read(signalFd_, &taken, sizeof taken) == sizeof taken) {
-                    onInterrupt();
-                }
-            }
-        });
-    }
-    ~InterruptWatcher() {
-        if (thread_.joinable()) {
-            const std::uint64_t one = 1;
-            [[maybe_unused]] const auto ignored = ::write(wakeFd_, &one, sizeof one);
-            thread_.join();
-        }
-        closeAll();
-    }
-    InterruptWatcher(const InterruptWatcher&) = delete;
-    InterruptWatcher& operator=(const InterruptWatcher&) = delete;
-
-private:
-    void closeAll() {
-        for (int* descriptor : {&signalFd_, &wakeFd_}) {
-            if (*descriptor >= 0) {
-                ::close(*descriptor);
-                *descriptor = -1;
-            }
-        }
-        pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);
-    }
-
-    sigset_t signals_{};
-    int signalFd_ = -1;
-    int wakeFd_ = -1;
-    std::jthread thread_;
-};
-
 enum class ApprovalAnswer { ask, all, none };
 
 struct RunOptions {
-    std::string flowID;
+    std::string target; // a flow id or a bundle folder
     ApprovalAnswer approve = ApprovalAnswer::ask;
     RunChoices choices;
+    bool json = false;
+    bool quiet = false;
+    bool verbose = false;
 };
 
-constexpr const char* runUsage = "usage: quorlin run <flow-id> [--input-file <path>] "
-                                 "[--folder <setting-key>=<path>]... [--approve all|none]";
-
-std::optional<RunOptions> parseRunOptions(const Arguments& arguments) {
-    RunOptions options;
-    for (std::size_t index = 0; index < arguments.size(); ++index) {
-        const auto& word = arguments[index];
-        const bool hasValue = index + 1 < arguments.size();
-        if (word == "--input-file" && hasValue) {
-            options.choices.inputFile = arguments[++index];
-        } else if (word == "--folder" && hasValue) {
-            const auto& pair = arguments[++index];
-            const auto equals = pair.find('=');
-            if (equals == std::string::npos || equals == 0) {
-                return std::nullopt;
-            }
-            options.choices.folders.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
-        } else if (word == "--approve" && hasValue &&
-                   (arguments[index + 1] == "all" || arguments[index + 1] == "none")) {
-            options.approve =
-                arguments[++index] == "all" ? ApprovalAnswer::all : ApprovalAnswer::none;
-        } else if (!startsWith(word, "-") && options.flowID.empty()) {
-            options.flowID = word;
-        } else {
-            return std::nullopt;
-        }
+// A leading "~" the shell left alone (it was quoted, or after "=") means the home folder.
+std::filesystem::path expandedHome(const std::string& path) {
+    const char* home = std::getenv("HOME");
+    if (home != nullptr && (path == "~" || startsWith(path, "~/"))) {
+        return std::string(home) + path.substr(1);
     }
-    return options.flowID.empty() ? std::nullopt : std::optional(options);
+    return path;
 }
 
-// The proposals at the gate, one line each.
+RunOptions runOptions(const ParsedArguments& arguments) {
+    RunOptions options;
+    options.target = arguments.operands[0];
+    if (const auto file = arguments.value("--input-file")) {
+        options.choices.inputFile = expandedHome(*file);
+    }
+    for (const auto& pair : arguments.all("--folder")) {
+        const auto equals = pair.find('=');
+        if (equals == std::string::npos || equals == 0 || equals + 1 == pair.size()) {
+            throw UsageError("--folder takes <key>=<path>, not '" + pair + "'", "run");
+        }
+        options.choices.folders.emplace_back(pair.substr(0, equals),
+                                             expandedHome(pair.substr(equals + 1)));
+    }
+    if (const auto answer = arguments.value("--approve")) {
+        options.approve = *answer == "all" ? ApprovalAnswer::all : ApprovalAnswer::none;
+    }
+    options.json = arguments.has("--json");
+    options.quiet = arguments.has("--quiet");
+    options.verbose = arguments.has("--verbose");
+    if (options.quiet && options.verbose) {
+        throw UsageError("--quiet and --verbose can't be combined", "run");
+    }
+    return options;
+}
+
+// A word that names a folder, rather than a flow id.
+bool looksLikePath(const std::string& target) {
+    return target.find('/') != std::string::npos || target == "." || target == ".." ||
+           endsWith(target, ".yaml");
+}
+
+std::vector<std::string> availableIDs(const WorkflowLoader& loader) {
+    std::vector<std::string> ids;
+    for (const auto& reference : loader.locator().availableWorkflowReferences()) {
+        ids.push_back(reference.flowID);
+    }
+    return ids;
+}
+
+// The workflow a run's target names, loaded; an id that names no workflow is a usage
+// error. None when it can't be loaded.
+std::optional<LoadedWorkflow> resolveTarget(const WorkflowLoader& loader, RunOptions& options) {
+    std::filesystem::path folder = expandedHome(options.target);
+    if (folder.filename() == "flow.yaml") {
+        folder = folder.parent_path().empty() ? "." : folder.parent_path();
+    }
+    std::error_code ignored;
+    if (looksLikePath(options.target) || std::filesystem::is_directory(folder, ignored)) {
+        const auto bundle = WorkflowBundleLocator::bundleInFolder(folder);
+        if (!bundle) {
+            throw UsageError("no flow.yaml in " + folder.string(), "run");
+        }
+        auto workflow = loader.loadRunnableWorkflow(*bundle);
+        options.target = workflow.flow().id;
+        return workflow;
+    }
+    // Loaded here once and handed to the run, so that a typo is a usage error rather
+    // than a failed run in the history.
+    try {
+        return loader.loadRunnableWorkflow(options.target);
+    } catch (const WorkflowLoaderError& notLoaded) {
+        if (notLoaded.kind() == WorkflowLoaderError::Kind::workflowNotFound) {
+            throw UsageError(unknownWordMessage("flow", options.target, availableIDs(loader)) +
+                                 " ('quorlin flows' lists them)",
+                             "run");
+        }
+    } catch (const std::exception&) {
+        // A flow that is there but doesn't load fails as a run, recorded with its reason.
+    }
+    return std::nullopt;
+}
+
+// The proposals at the gate, one line each, on stderr: they are a question, not a result.
 void printProposals(const std::vector<ApprovalProposal>& proposals) {
-    std::printf("\n%zu proposal(s) to review:\n", proposals.size());
+    std::fprintf(stderr, "\n%zu proposal(s) to review:\n", proposals.size());
     for (const auto& item : proposals) {
-        std::printf("  %3lld  %s | %s\n       %s  ->  %s\n", static_cast<long long>(item.index),
-                    item.sender.c_str(), item.subject.c_str(), item.originalName.c_str(),
-                    item.proposedName.c_str());
+        std::fprintf(stderr, "  %3lld  %s | %s\n       %s  ->  %s\n",
+                     static_cast<long long>(item.index), item.sender.c_str(), item.subject.c_str(),
+                     item.originalName.c_str(), item.proposedName.c_str());
     }
 }
 
 // Asks on the terminal whether to file the proposals; end of input counts as no.
 bool askToFile(std::size_t count) {
     while (true) {
-        std::printf("File these %zu file(s)? [y]es / [n]o, reject all: ", count);
-        std::fflush(stdout);
+        std::fprintf(stderr, "File these %zu file(s)? [y]es / [n]o, reject all: ", count);
+        std::fflush(stderr);
         std::string answer;
         if (!std::getline(std::cin, answer)) {
-            std::printf("\n");
+            std::fputs("\n", stderr);
             return false;
         }
         answer = lowercased(trimmed(answer));
@@ -157,54 +148,120 @@ bool askToFile(std::size_t count) {
     }
 }
 
+// What the scripts write to stderr: shown line by line with --verbose, otherwise counted
+// so the report can say that there is something to see. Called from the run's worker.
+class ScriptLog {
+public:
+    explicit ScriptLog(bool live) : live_(live) {}
+
+    void write(const std::string& stepID, std::string_view text) {
+        const std::lock_guard lock(mutex_);
+        auto& pending = pending_[stepID];
+        pending += text;
+        std::size_t end = 0;
+        while ((end = pending.find('\n')) != std::string::npos) {
+            takeLine(stepID, pending.substr(0, end));
+            pending.erase(0, end + 1);
+        }
+    }
+
+    // Lines not yet ended, and with hint, a line for each step whose log was not shown.
+    void finish(bool hint) {
+        const std::lock_guard lock(mutex_);
+        for (auto& [stepID, pending] : pending_) {
+            if (!pending.empty()) {
+                takeLine(stepID, pending);
+                pending.clear();
+            }
+        }
+        if (!hint) {
+            return;
+        }
+        for (const auto& [stepID, count] : hidden_) {
+            std::fprintf(stderr, "Step %s wrote %zu line(s) to stderr; --verbose shows them.\n",
+                         stepID.c_str(), count);
+        }
+    }
+
+private:
+    void takeLine(const std::string& stepID, const std::string& line) {
+        if (live_) {
+            std::fprintf(stderr, "  %s| %s\n", stepID.c_str(), escapedControlBytes(line).c_str());
+        } else {
+            ++hidden_[stepID];
+        }
+    }
+
+    bool live_;
+    std::mutex mutex_;
+    std::map<std::string, std::string> pending_;
+    std::map<std::string, std::size_t> hidden_;
+};
+
 // Drives one run through the coordinator on this thread's event loop, the way the desktop
-// app does: shows the steps, answers the gate, and ends with the finished session.
+// app does: shows the steps, answers the gate, and ends with the report.
 class TerminalRun {
 public:
     TerminalRun(RunCoordinator& coordinator, EventLoop& loop, RunContext context,
                 const RunOptions& options)
         : coordinator_(coordinator), loop_(loop), context_(std::move(context)), options_(options),
-          printer_(stdout) {}
+          printer_(stderr, !options.verbose) {
+        report_.flowID = options.target;
+    }
 
     // workflow: the flow when the caller has loaded it already.
-    int run(std::optional<LoadedWorkflow> workflow) {
+    RunReport run(std::optional<LoadedWorkflow> workflow) {
         auto handler = [this](const RunEvent& event) { handle(event); };
         if (workflow) {
             coordinator_.start(std::move(*workflow), context_, handler);
         } else {
-            coordinator_.start(options_.flowID, context_, handler);
+            coordinator_.start(options_.target, context_, handler);
         }
         loop_.run();
         printer_.finishLine();
-        return outcome();
+        return report_;
     }
 
-    void cancel() { coordinator_.cancel(options_.flowID); }
+    void cancel() { coordinator_.cancel(options_.target); }
 
 private:
     void handle(const RunEvent& event) {
-        if (event.kind == RunEvent::Kind::cancelled) {
-            cancelled_ = true;
+        switch (event.kind) {
+        case RunEvent::Kind::cancelled:
+            if (report_.outcome != RunReport::Outcome::awaitingApproval) {
+                report_.outcome = RunReport::Outcome::cancelled;
+            }
             loop_.quit();
             return;
-        }
-        if (event.kind == RunEvent::Kind::auditRunRecorded) {
-            recordedRunID_ = event.auditRun->id.uppercaseString();
+        case RunEvent::Kind::auditRunRecorded:
+            report_.record = event.auditRun;
             return;
-        }
-        if (event.kind == RunEvent::Kind::waitingAtGate) {
-            coordinator_.advance(options_.flowID, context_); // opens the proposals
+        case RunEvent::Kind::waitingAtGate:
+            coordinator_.advance(options_.target, context_); // opens the proposals
             return;
+        case RunEvent::Kind::sessionUpdated:
+        case RunEvent::Kind::failed:
+            break;
         }
-        session_ = *event.session;
-        printer_.show(*session_);
-        switch (session_->stage) {
+        const auto& session = *event.session;
+        report_.session = session;
+        if (!options_.quiet) {
+            printer_.show(session);
+        }
+        switch (session.stage) {
         case RunStage::complete:
+            report_.outcome = report_.record && report_.record->status == "Rejected"
+                                  ? RunReport::Outcome::rejected
+                                  : RunReport::Outcome::succeeded;
+            loop_.quit();
+            break;
         case RunStage::failed:
+            report_.outcome = RunReport::Outcome::failed;
+            report_.error = session.failureMessage.value_or("The run failed.");
             loop_.quit();
             break;
         case RunStage::approval:
-            answerGate();
+            answerGate(session.approvalItems.size());
             break;
         case RunStage::running:
         case RunStage::filing:
@@ -212,48 +269,24 @@ private:
         }
     }
 
-    void answerGate() {
+    void answerGate(std::size_t count) {
         printer_.finishLine();
-        printProposals(session_->approvalItems);
+        printProposals(report_.session->approvalItems);
         bool file = options_.approve == ApprovalAnswer::all;
         if (options_.approve == ApprovalAnswer::ask) {
-            if (!printer_.isTerminal() || isatty(STDIN_FILENO) == 0) {
-                std::cerr
-                    << "quorlin: the run is waiting for approval; answer with --approve all or "
-                       "--approve none.\n";
-                unanswered_ = true;
+            if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
+                report_.outcome = RunReport::Outcome::awaitingApproval;
+                report_.proposalsWaiting = count;
                 cancel();
                 return;
             }
-            file = askToFile(session_->approvalItems.size());
+            file = askToFile(count);
         }
         if (file) {
-            coordinator_.advance(options_.flowID, context_);
+            coordinator_.advance(options_.target, context_);
         } else {
-            coordinator_.rejectAllApprovalItems(options_.flowID, context_);
+            coordinator_.rejectAllApprovalItems(options_.target, context_);
         }
-    }
-
-    int outcome() const {
-        if (unanswered_) {
-            return 1;
-        }
-        if (cancelled_ || !session_) {
-            std::cerr << "Run cancelled.\n";
-            return 130;
-        }
-        if (session_->stage == RunStage::failed) {
-            return fail(session_->failureMessage.value_or("The run failed."));
-        }
-        std::cout << session_->resultOutput << '\n';
-        if (session_->outputFolder) {
-            std::cout << "Output folder: " << *session_->outputFolder << '\n';
-        }
-        if (!recordedRunID_.empty()) {
-            std::cout << "Recorded as run " << recordedRunID_.substr(0, 8)
-                      << " (quorlin history show " << recordedRunID_.substr(0, 8) << ").\n";
-        }
-        return 0;
     }
 
     RunCoordinator& coordinator_;
@@ -261,42 +294,95 @@ private:
     RunContext context_;
     const RunOptions& options_;
     ProgressPrinter printer_;
-    std::optional<FlowRunSession> session_;
-    std::string recordedRunID_;
-    bool cancelled_ = false;
-    bool unanswered_ = false;
+    RunReport report_;
 };
+
+int exitStatusOf(const RunReport& report) {
+    switch (report.outcome) {
+    case RunReport::Outcome::succeeded:
+    case RunReport::Outcome::rejected:
+        return exitStatus::success;
+    case RunReport::Outcome::failed:
+        return exitStatus::failure;
+    case RunReport::Outcome::awaitingApproval:
+        return exitStatus::awaitingAnswer;
+    case RunReport::Outcome::cancelled:
+        return exitStatus::interrupted;
+    }
+    return exitStatus::failure;
+}
+
+// Problems go to stderr in every mode; the result to stdout, as text or as one JSON
+// object.
+int present(const RunReport& report, const RunOptions& options) {
+    if (report.outcome == RunReport::Outcome::failed) {
+        const auto step = report.failedStepTitle
+                              ? "Step '" + *report.failedStepTitle + "' (" +
+                                    report.failedStepID.value_or("") + ") failed: "
+                              : std::string();
+        fail(step + report.error.value_or("The run failed."));
+    } else if (report.outcome == RunReport::Outcome::awaitingApproval) {
+        fail("the run stopped at its approval gate with " +
+             std::to_string(report.proposalsWaiting) +
+             " proposal(s) and there is no terminal to ask on; run it again with --approve all "
+             "to file them or --approve none to reject them.");
+    } else if (report.outcome == RunReport::Outcome::cancelled) {
+        std::cerr << "Run cancelled.\n";
+    }
+    if (options.json) {
+        std::cout << prettySortedJson(reportJson(report)) << '\n';
+    } else if (report.outcome == RunReport::Outcome::succeeded ||
+               report.outcome == RunReport::Outcome::rejected) {
+        std::cout << reportText(report, isatty(STDOUT_FILENO) != 0);
+    }
+    return exitStatusOf(report);
+}
 
 } // namespace
 
-int runCommand(const Arguments& arguments) {
-    const auto options = parseRunOptions(arguments);
-    if (!options) {
-        return fail(runUsage);
-    }
+int runCommand(const ParsedArguments& arguments) {
+    auto options = runOptions(arguments);
     const auto paths = AppSupportPaths::fromEnvironment();
     const auto& resources = QuorlinResources::installed();
     const WorkflowBundleLocator locator(resources, paths);
     const WorkflowLoader loader(locator);
-    auto auditStore = std::make_shared<AuditLogStore>(paths);
-    auditStore->checkWritable();
+    auto workflow = resolveTarget(loader, options);
 
     RunContext context;
+    if (!workflow && (options.choices.inputFile || !options.choices.folders.empty())) {
+        workflow = loader.loadRunnableWorkflow(options.target); // says why it can't load
+    }
+    if (workflow) {
+        try {
+            context.environmentOverrides = choiceOverrides(workflow->flow(), options.choices);
+        } catch (const RunChoiceError& error) {
+            throw UsageError(error.what(), "run");
+        }
+    }
+    auto auditStore = std::make_shared<AuditLogStore>(paths);
+    auditStore->checkWritable();
     context.clientProfile = ClientProfileStore(paths).loadOrCreateDefault(resources);
     context.totalMinutesSaved = auditStore->totals().minutesSaved;
-    std::optional<LoadedWorkflow> workflow;
-    if (options->choices.inputFile || !options->choices.folders.empty()) {
-        workflow = loader.loadRunnableWorkflow(options->flowID);
-        context.environmentOverrides = choiceOverrides(workflow->flow(), options->choices);
-    }
+    ScriptLog scriptLog(options.verbose);
+    context.scriptErrorOutput = [&scriptLog](const std::string& stepID, std::string_view text) {
+        scriptLog.write(stepID, text);
+    };
 
     EventLoop loop;
     auto service = std::make_shared<GenericScriptWorkflowService>(
         loader, std::make_shared<DefaultScriptRunner>(locator), paths, loop);
     RunCoordinator coordinator(service, auditStore, loader, loop);
-    TerminalRun run(coordinator, loop, std::move(context), *options);
-    InterruptWatcher interrupts([&] { loop.post([&] { run.cancel(); }); });
-    return run.run(std::move(workflow));
+    TerminalRun terminalRun(coordinator, loop, std::move(context), options);
+    RunReport report;
+    {
+        InterruptWatcher interrupts([&] { loop.post([&] { terminalRun.cancel(); }); });
+        report = terminalRun.run(std::move(workflow));
+    }
+    if (report.outcome == RunReport::Outcome::failed) {
+        findFailedStep(report);
+    }
+    scriptLog.finish(!options.quiet && report.outcome == RunReport::Outcome::succeeded);
+    return present(report, options);
 }
 
 } // namespace quorlin::cli

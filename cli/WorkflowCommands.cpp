@@ -40,51 +40,87 @@ void printTable(const std::vector<FlowRow>& rows) {
     }
 }
 
+std::string countOf(std::size_t count, const char* word) {
+    return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
+// --strict: warnings fail the command as errors would.
+int strictOutcome(bool strict, std::size_t warnings) {
+    if (strict && warnings > 0) {
+        return fail(countOf(warnings, "warning") + ", and --strict counts them as errors.");
+    }
+    return exitStatus::success;
+}
+
 } // namespace
 
 // Lists what is in force, in registry order. A broken workflow shows its error in its
-// row instead of breaking the list.
-int flowsCommand(const Arguments& arguments) {
-    if (!arguments.empty()) {
-        return fail("usage: quorlin flows");
-    }
+// row instead of breaking the list; what would fail at run time follows the table.
+int flowsCommand(const ParsedArguments& arguments) {
     const auto loader = installedLoader();
+    const auto references = loader.locator().availableWorkflowReferences();
+    if (arguments.has("--ids")) {
+        for (const auto& reference : references) {
+            std::cout << reference.flowID << '\n';
+        }
+        return exitStatus::success;
+    }
     std::vector<FlowRow> rows;
-    for (const auto& reference : loader.locator().availableWorkflowReferences()) {
+    std::vector<std::pair<std::string, WorkflowWarning>> warnings;
+    std::size_t broken = 0;
+    for (const auto& reference : references) {
         FlowRow row{reference.flowID, "", reference.version,
                     std::string(rawValue(reference.source)), "ok"};
         try {
-            row.name = loader.loadWorkflowBundle(reference).flow.name;
+            const auto linted = loader.lintWorkflowBundle(reference);
+            row.name = linted.document.flow.name;
+            if (!linted.warnings.empty()) {
+                row.status = "ok, " + countOf(linted.warnings.size(), "warning");
+            }
+            for (const auto& warning : linted.warnings) {
+                warnings.emplace_back(reference.flowID, warning);
+            }
         } catch (const std::exception& error) {
             row.status = std::string("error: ") + error.what();
+            ++broken;
         }
         rows.push_back(std::move(row));
     }
     printTable(rows);
-    return 0;
+    if (!warnings.empty()) {
+        std::cout << "\nWarnings:\n";
+        for (const auto& [flowID, warning] : warnings) {
+            std::cout << "  " << flowID << ": " << warning.message << '\n';
+        }
+    }
+    if (arguments.has("--strict") && broken > 0) {
+        return fail(countOf(broken, "workflow") + " can't be loaded.");
+    }
+    return strictOutcome(arguments.has("--strict"), warnings.size());
 }
 
-// Loads and checks one bundle directory the way a run would, printing "ok" with each
-// step's block or the exact error. The exit status tells which.
-int validateCommand(const Arguments& arguments) {
-    if (arguments.size() != 1) {
-        return fail("usage: quorlin validate <bundle dir>");
+// Loads and checks one bundle the way a run would, printing "ok" with each step's block,
+// then what would still fail at run time. A document that can't load is an error.
+int validateCommand(const ParsedArguments& arguments) {
+    std::filesystem::path folder = arguments.operands[0];
+    std::error_code error;
+    if (folder.filename() == "flow.yaml") {
+        folder = folder.parent_path().empty() ? "." : folder.parent_path();
+    } else if (std::filesystem::is_regular_file(folder, error)) {
+        throw UsageError("validate takes a bundle folder or its flow.yaml, not '" +
+                             folder.string() + "'",
+                         "validate");
     }
-    const std::filesystem::path directory = arguments[0];
-    const auto loader = installedLoader();
-    try {
-        const auto document = loader.loadWorkflow(directory / "flow.yaml");
-        const auto resolutions = loader.validateWorkflowBlocks(document, directory);
-        std::cout << "ok\n";
-        for (const auto& resolution : resolutions) {
-            std::cout << resolution.stepID << ' ' << resolution.reference.text() << ' '
-                      << rawValue(resolution.source) << '\n';
-        }
-        return 0;
-    } catch (const std::exception& error) {
-        std::cout << "error: " << error.what() << '\n';
-        return 1;
+    const auto linted = installedLoader().lintWorkflow(folder);
+    std::cout << "ok\n";
+    for (const auto& resolution : linted.blockResolutions) {
+        std::cout << resolution.stepID << ' ' << resolution.reference.text() << ' '
+                  << rawValue(resolution.source) << '\n';
     }
+    for (const auto& warning : linted.warnings) {
+        std::cout << "warning: " << warning.message << '\n';
+    }
+    return strictOutcome(arguments.has("--strict"), linted.warnings.size());
 }
 
 } // namespace quorlin::cli

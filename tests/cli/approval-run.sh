@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The approval gate from the command line: a packed and installed flow that stops at its
-# gate is filed with --approve all, rejected with --approve none, and refused (nothing
-# recorded) when nobody can answer. Each leaves exactly the audit rows expected.
+# gate is filed with --approve all, rejected with --approve none, and left with exit
+# status 3 (nothing recorded) when nobody can answer. Each leaves exactly the audit rows expected.
 set -eu
 quorlin=$1 bundle=$2 scratch=$3
 rm -rf "$scratch" && mkdir -p "$scratch"
@@ -11,10 +11,12 @@ export QUORLIN_APP_SUPPORT_ROOT=$scratch/root
 
 "$quorlin" run approval-demo --approve all | grep -qF 'Filed 2026-11 Acme invoice.pdf, 2026-11 Bolt receipt.pdf'
 "$quorlin" run approval-demo --approve none | grep -qF 'All proposals rejected; no files written.'
-if "$quorlin" run approval-demo </dev/null >/dev/null 2>"$scratch/err"; then
-    echo "an unanswered gate must fail"; exit 1
+status=0
+"$quorlin" run approval-demo </dev/null >/dev/null 2>"$scratch/err" || status=$?
+if [ "$status" -ne 3 ]; then
+    echo "an unanswered gate must exit 3, not $status"; cat "$scratch/err"; exit 1
 fi
-grep -qF 'answer with --approve all or --approve none' "$scratch/err"
+grep -qF 'run it again with --approve all to file them or --approve none' "$scratch/err"
 
 statuses=$("$quorlin" history --json |
     python3 -c 'import json, sys; print(" ".join(sorted(r["status"] for r in json.load(sys.stdin))), end=" ")')

@@ -8,6 +8,7 @@ quorlin=$1
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
 export QUORLIN_APP_SUPPORT_ROOT=$root
+export TZ=UTC
 failures=0
 
 # expect <status> <command words...>, expected stdout on stdin.
@@ -60,10 +61,51 @@ expect 0 history --flow nobody <<'EOF'
 No runs match.
 EOF
 
+# Local dates: --until includes its day; --search, --failed and paging.
+expect 0 history --since 2024-05-02 --until 2024-05-31 <<'EOF'
+RUN       TIME              FLOW   STATUS  DURATION  SUMMARY
+22222222  2024-05-02 10:30  hello  failed      1.2s  Script said "no" and stopped
+EOF
+
+expect 0 history --until 2024-05-01 --search SKIPPED <<'EOF'
+RUN       TIME              FLOW      STATUS   DURATION  SUMMARY
+11111111  2024-05-01 09:00  receipts  success     42.5s  Filed 3, skipped 1
+EOF
+
+expect 0 history --failed --offset 0 <<'EOF'
+RUN       TIME              FLOW   STATUS  DURATION  SUMMARY
+22222222  2024-05-02 10:30  hello  failed      1.2s  Script said "no" and stopped
+EOF
+
+expect 0 history --offset 1 --limit 1 <<'EOF'
+RUN       TIME              FLOW   STATUS  DURATION  SUMMARY
+22222222  2024-05-02 10:30  hello  failed      1.2s  Script said "no" and stopped
+EOF
+
+expect 0 history --totals <<'EOF'
+             RUNS  MIN SAVED  LLM COST $
+All             3         25        0.01
+
+By flow
+hello           1          0        0.00
+receipts        2         25        0.01
+
+By month
+2024-06         1         10        0.00
+2024-05         2         15        0.01
+EOF
+
+expect 0 history --totals --csv --since 2024-06-01 <<'EOF'
+group,key,runs,minutesSaved,llmCostUSD
+total,,1,10,0.0
+flow,receipts,1,10,0.0
+month,2024-06,1,10,0.0
+EOF
+
 expect 0 history --csv --limit 2 <<'EOF'
-id,timestamp,flowID,flowName,trigger,status,durationSeconds,minutesSaved,llmCostUSD,outputSummary,outputFolder
-33333333-3333-4333-8333-333333333333,2024-06-01 09:00,receipts,Receipts,manual,Success,30.0,10,0.0,Filed 2,
-22222222-2222-4222-8222-222222222222,2024-05-02 10:30,hello,Hello,manual,failed,1.25,0,0.0,"Script said ""no""
+id,timestamp,localTime,flowID,flowName,trigger,status,durationSeconds,minutesSaved,llmCostUSD,outputSummary,outputFolder
+33333333-3333-4333-8333-333333333333,2024-06-01 09:00,2024-06-01T09:00:00+00:00,receipts,Receipts,manual,Success,30.0,10,0.0,Filed 2,
+22222222-2222-4222-8222-222222222222,2024-05-02 10:30,2024-05-02T10:30:00+00:00,hello,Hello,manual,failed,1.25,0,0.0,"Script said ""no""
 and stopped",
 EOF
 
@@ -75,6 +117,7 @@ expect 0 history --status FAILED --json <<'EOF'
     "flowName": "Hello",
     "id": "22222222-2222-4222-8222-222222222222",
     "llmCostUSD": 0.0,
+    "localTime": "2024-05-02T10:30:00+00:00",
     "minutesSaved": 0,
     "outputSummary": "Script said \"no\"\nand stopped",
     "status": "failed",
@@ -112,10 +155,9 @@ Step records
        plain text
 EOF
 
-expect 1 history show 3 --csv <<'EOF'
-quorlin: unexpected argument '--csv'
-usage: quorlin history [--flow <id>] [--status <word>] [--limit N] [--json | --csv]
-       quorlin history show <run-id> [--json]
+expect 2 history show 3 --csv <<'EOF'
+quorlin: unknown option '--csv' for 'history show'
+Run 'quorlin help history show' for its usage.
 EOF
 
 # Bytes that are not UTF-8, written into the database behind the store's back, still

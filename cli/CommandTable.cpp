@@ -1,0 +1,185 @@
+#include "cli/Commands.h"
+
+namespace quorlin::cli {
+
+namespace {
+
+std::vector<CommandSpec> makeTable() {
+    const OptionSpec json{"--json", "", "", "Print JSON for scripts, and nothing else.", {}};
+    const OptionSpec strict{"--strict", "", "", "Treat warnings as errors.", {}};
+    return {
+        {"run",
+         "<flow-id | bundle dir>",
+         "Run a workflow, showing each step, then its result.",
+         "A folder holding a flow.yaml runs in place, recorded under its flow id, with\n"
+         "no need to pack and install it first. Progress goes to stderr, the result to\n"
+         "stdout.\n"
+         "\n"
+         "Exit status: 0 the run succeeded, 1 it failed, 2 the command line is wrong,\n"
+         "3 the run waits at its approval gate and there was no terminal to ask on\n"
+         "(answer with --approve), 130 interrupted.",
+         {{"--input-file", "", "<path>", "Hand a file to the flow's first file setting.", {}},
+          {"--folder",
+           "",
+           "<key>=<path>",
+           "Use this folder for a folder setting, this run only.",
+           {},
+           true},
+          {"--approve",
+           "",
+           "<answer>",
+           "Answer the approval gate without asking.",
+           {"all", "none"}},
+          json,
+          {"--quiet", "-q", "", "Print only the result.", {}},
+          {"--verbose", "-v", "", "Show what each script writes to stderr as it runs.", {}}},
+         1,
+         1,
+         "flows",
+         runCommand},
+        {"flows",
+         "",
+         "List the available workflows and whether each loads.",
+         "Problems that would only show when a flow runs are listed as warnings below\n"
+         "the table.",
+         {strict, {"--ids", "", "", "Print only the flow ids, one per line.", {}}},
+         0,
+         0,
+         "",
+         flowsCommand},
+        {"validate",
+         "<flow.yaml | bundle dir>",
+         "Check a workflow the way a run would load it.",
+         "Prints \"ok\" and the block each step resolved to, then warnings about what\n"
+         "would fail at run time. A document that doesn't load is an error (exit 1).",
+         {strict},
+         1,
+         1,
+         "files",
+         validateCommand},
+        {"inspect",
+         "<flow.yaml | bundle dir>",
+         "Print a workflow document as it is read, as JSON.",
+         "",
+         {},
+         1,
+         1,
+         "files",
+         inspectCommand},
+        {"blocks",
+         "[block-id]",
+         "List the built-in blocks a flow may use, or show one.",
+         "",
+         {json},
+         0,
+         1,
+         "",
+         blocksCommand},
+        {"history",
+         "",
+         "List past runs, newest first.",
+         "Dates are local: --since 2024-05-01 starts at that midnight, --until\n"
+         "2024-05-31 includes that day. \"7d\" means the last seven days (also h, w).",
+         {{"--flow", "", "<id>", "Only this workflow's runs.", {}},
+          {"--status",
+           "",
+           "<status>",
+           "Only runs that ended so.",
+           {"success", "failed", "rejected"}},
+          {"--failed", "", "", "Only failed runs.", {}},
+          {"--since", "", "<date>", "Runs from this date or time span on.", {}},
+          {"--until", "", "<date>", "Runs up to this date, the day included.", {}},
+          {"--search", "", "<text>", "Runs whose summary, flow or step errors hold this text.", {}},
+          {"--limit", "", "<count>", "At most this many runs (default 50).", {}},
+          {"--offset", "", "<count>", "Skip this many of the newest matches first.", {}},
+          {"--totals", "", "", "Print the totals of the matching runs, by flow and month.", {}},
+          json,
+          {"--csv", "", "", "Print CSV.", {}}},
+         0,
+         0,
+         "",
+         historyCommand},
+        {"history show",
+         "<run-id>",
+         "Print one run with its steps; the first characters of the id are enough.",
+         "",
+         {json},
+         1,
+         1,
+         "",
+         historyShowCommand},
+        {"install",
+         "<file.quorlinflow>",
+         "Install a workflow plugin package and make it active.",
+         "",
+         {},
+         1,
+         1,
+         "files",
+         installCommand},
+        {"uninstall",
+         "<flow-id>",
+         "Remove every installed version of a workflow.",
+         "",
+         {},
+         1,
+         1,
+         "flows",
+         uninstallCommand},
+        {"pack",
+         "<bundle dir>",
+         "Make a plugin package from a workflow bundle.",
+         "",
+         {{"--output", "-o", "<file>", "Write the package here.", {}}},
+         1,
+         1,
+         "dirs",
+         packCommand},
+        {"profile",
+         "",
+         "Print the client profile, creating it from the default when missing.",
+         "",
+         {{"--path", "", "", "Print only where the profile lives.", {}}},
+         0,
+         0,
+         "",
+         profileCommand},
+        {"completion",
+         "<shell>",
+         "Print the completion script for bash or zsh.",
+         "Try it with: source <(quorlin completion bash)",
+         {},
+         1,
+         1,
+         "bash zsh",
+         completionCommand},
+        {"help",
+         "[command]",
+         "Show the help of quorlin or of one command.",
+         "",
+         {},
+         0,
+         2,
+         "",
+         helpCommand},
+    };
+}
+
+} // namespace
+
+const std::vector<CommandSpec>& commandTable() {
+    static const std::vector<CommandSpec> table = [] {
+        auto commands = makeTable();
+        auto& help = commands.back();
+        for (const auto& command : commands) {
+            if (command.name.find(' ') == std::string::npos) {
+                help.operandCompletion +=
+                    (help.operandCompletion.empty() ? "" : " ") + command.name;
+            }
+        }
+        return commands;
+    }();
+    return table;
+}
+
+} // namespace quorlin::cli

@@ -1,0 +1,5 @@
+import json
+import sys
+
+json.load(sys.stdin)
+print(json.dumps({"ready": True}))
