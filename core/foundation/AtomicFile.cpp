@@ -92,14 +92,19 @@ std::string readFile(const std::filesystem::path& path, std::size_t maxBytes) {
     }
 }
 
-void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
+void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes, unsigned mode) {
     const auto temporary = path.parent_path() / ("." + path.filename().string() + "." +
                                                  Uuid::random().uppercaseString() + ".tmp");
-    FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                               static_cast<mode_t>(mode)));
     if (file.get() < 0) {
         throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));
     }
     try {
+        // A secret's file is never readable by others, whatever the umask allowed.
+        if (mode == privateFileMode && ::fchmod(file.get(), privateFileMode) != 0) {
+            throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));
+        }
         writeAll(file.get(), bytes, path);
         if (::fsync(file.get()) != 0 || ::close(file.release()) != 0) {
             throw FileError(FileError::Kind::writeFailed, path, std::strerror(errno));

@@ -18,10 +18,15 @@ inline constexpr std::size_t defaultReadLimit = std::size_t{16} << 20U;
 // read.
 std::string readFile(const std::filesystem::path& path, std::size_t maxBytes = defaultReadLimit);
 
+// Permissions of a file only its owner may read and write: for files that hold secrets.
+inline constexpr unsigned privateFileMode = 0600;
+
 // Replaces the file's content in one step: a sibling temp file is written and synced,
 // then renamed over the target, so a reader sees the old content or the new, never half.
-// The parent directory must exist.
-void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
+// The new file has the given mode (within the umask for other modes than privateFileMode,
+// which is set exactly, from the start). The parent directory must exist.
+void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes,
+                         unsigned mode = 0644);
 
 // Creates a directory and its parents; an existing one is fine.
 void createDirectories(const std::filesystem::path& path);
