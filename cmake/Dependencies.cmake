@@ -8,9 +8,12 @@ pkg_check_modules(LIBCRYPTO REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(LIBARCHIVE REQUIRED IMPORTED_TARGET libarchive)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(PCRE2 REQUIRED IMPORTED_TARGET libpcre2-8)
+pkg_check_modules(LIBCURL REQUIRED IMPORTED_TARGET libcurl)
 
 if(QUORLIN_BUILD_TESTS)
     find_package(GTest REQUIRED)
+    # Debian builds cpp-httplib as a shared library: the header alone does not link.
+    pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 endif()
 if(QUORLIN_BUILD_BENCHMARKS)
     find_package(benchmark REQUIRED)

@@ -1,0 +1,306 @@
+#include "HttpClient.h"
+
+#include "core/foundation/HttpError.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string_view>
+
+#include <curl/curl.h>
+
+namespace quorlin {
+
+namespace {
+
+struct EasyDeleter {
+    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+struct MultiDeleter {
+    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+};
+struct ListDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
+using MultiHandle = std::unique_ptr<CURLM, MultiDeleter>;
+using HeaderList = std::unique_ptr<curl_slist, ListDeleter>;
+
+// Keeps an easy handle in a multi handle for one transfer; both must outlive it.
+class MultiAttachment {
+public:
+    MultiAttachment(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {}
+    ~MultiAttachment() { curl_multi_remove_handle(multi_, easy_); }
+    MultiAttachment(const MultiAttachment&) = delete;
+    MultiAttachment& operator=(const MultiAttachment&) = delete;
+
+private:
+    CURLM* multi_;
+    CURL* easy_;
+};
+
+constexpr const char* userAgent = "Quorlin/" QUORLIN_VERSION;
+// How long a transfer sleeps at most without looking at its clocks; a stop request wakes
+// it sooner.
+constexpr int pollMilliseconds = 1000;
+
+// curl_global_init is not thread-safe and must run once before any handle exists.
+void initialiseCurl() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {
+            throw HttpError::transport({}, std::string("libcurl could not start: ") +
+                                               curl_easy_strerror(code));
+        }
+    });
+}
+
+struct Exchange {
+    HttpResponse response{};
+    std::size_t responseLimit = 0;
+    bool responseTooLarge = false;
+};
+
+std::size_t receiveBody(char* data, std::size_t size, std::size_t count, void* context) {
+    auto& exchange = *static_cast<Exchange*>(context);
+    const std::size_t length = size * count;
+    if (length > exchange.responseLimit - exchange.response.body.size()) {
+        exchange.responseTooLarge = true;
+        return 0; // anything short of length makes curl stop with CURLE_WRITE_ERROR
+    }
+    try {
+        exchange.response.body.append(data, length);
+    } catch (const std::bad_alloc&) {
+        return 0; // curl reports a write error; an exception must not cross its C frames
+    }
+    return length;
+}
+
+std::string_view trimmedBlanks(std::string_view text) {
+    const auto first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+std::size_t receiveHeader(char* data, std::size_t size, std::size_t count, void* context) {
+    auto& headers = static_cast<Exchange*>(context)->response.headers;
+    const std::string_view line(data, size * count);
+    try {
+        if (line.starts_with("HTTP/")) {
+            // A new status line: the headers of an interim reply (100 Continue) are over.
+            headers.clear();
+        } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
+            headers.emplace_back(std::string(trimmedBlanks(line.substr(0, colon))),
+                                 std::string(trimmedBlanks(line.substr(colon + 1))));
+        }
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+    return line.size();
+}
+
+bool isMethodToken(std::string_view method) {
+    return !method.empty() &&
+           std::ranges::all_of(method, [](char c) { return c >= 'A' && c <= 'Z'; });
+}
+
+bool holdsLineBreak(std::string_view text) {
+    return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
+
+HeaderList headerList(const HttpRequest& request) {
+    HeaderList list;
+    const auto append = [&list](const std::string& line) {
+        curl_slist* extended = curl_slist_append(list.get(), line.c_str());
+        if (extended == nullptr) {
+            throw std::bad_alloc();
+        }
+        static_cast<void>(list.release());
+        list.reset(extended);
+    };
+    for (const auto& [name, value] : request.headers) {
+        if (name.empty() || holdsLineBreak(name) || name.find(':') != std::string::npos ||
+            holdsLineBreak(value)) {
+            // The value stays out of the message: it may be a key.
+            throw std::invalid_argument("HTTP header \"" + std::string(trimmedBlanks(name)) +
+                                        "\" is not a valid header field");
+        }
+        // "Name;" is curl's spelling of a header sent with an empty value.
+        append(value.empty() ? name + ";" : name + ": " + value);
+    }
+    if (!request.body.empty() && !findHeader(request.headers, "Content-Type")) {
+        append("Content-Type:"); // curl would claim a form otherwise
+    }
+    // The whole body goes out at once; waiting for 100 Continue only costs a round trip.
+    append("Expect:");
+    return list;
+}
+
+template <typename Value>
+void setOption(CURL* easy, CURLoption option, Value value, const std::string& host) {
+    if (const CURLcode code = curl_easy_setopt(easy, option, value); code != CURLE_OK) {
+        throw HttpError::transport(host, curl_easy_strerror(code));
+    }
+}
+
+long milliseconds(std::chrono::milliseconds duration) {
+    // curl reads 0 as "no limit"; a limit of nothing is the shortest one instead.
+    return static_cast<long>(std::max<std::chrono::milliseconds::rep>(duration.count(), 1));
+}
+
+void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, Exchange& exchange,
+               char* errorBuffer, const std::string& host) {
+    setOption(easy, CURLOPT_URL, request.url.c_str(), host);
+    setOption(easy, CURLOPT_PROTOCOLS_STR, "http,https", host);
+    setOption(easy, CURLOPT_NOSIGNAL, 1L, host);
+    setOption(easy, CURLOPT_USERAGENT, userAgent, host);
+    setOption(easy, CURLOPT_ERRORBUFFER, errorBuffer, host);
+    setOption(easy, CURLOPT_SSL_VERIFYPEER, 1L, host);
+    setOption(easy, CURLOPT_SSL_VERIFYHOST, 2L, host);
+    setOption(easy, CURLOPT_TIMEOUT_MS, milliseconds(request.timeout), host);
+    setOption(easy, CURLOPT_CONNECTTIMEOUT_MS, milliseconds(request.connectTimeout), host);
+    setOption(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request.responseLimit),
+              host);
+    setOption(easy, CURLOPT_HTTPHEADER, headers, host);
+    setOption(easy, CURLOPT_WRITEFUNCTION, &receiveBody, host);
+    setOption(easy, CURLOPT_WRITEDATA, static_cast<void*>(&exchange), host);
+    setOption(easy, CURLOPT_HEADERFUNCTION, &receiveHeader, host);
+    setOption(easy, CURLOPT_HEADERDATA, static_cast<void*>(&exchange), host);
+
+    const std::string& method = request.method;
+    if (method == "HEAD") {
+        setOption(easy, CURLOPT_NOBODY, 1L, host);
+    } else if (!request.body.empty() || method == "POST" || method == "PUT" || method == "PATCH") {
+        setOption(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()),
+                  host);
+        setOption(easy, CURLOPT_POSTFIELDS, request.body.data(), host);
+    } else {
+        setOption(easy, CURLOPT_HTTPGET, 1L, host);
+    }
+    if (method != "GET" && method != "POST" && method != "HEAD") {
+        setOption(easy, CURLOPT_CUSTOMREQUEST, method.c_str(), host);
+    }
+}
+
+// Drives the transfer until it ends or a stop is requested.
+CURLcode perform(CURL* easy, const std::stop_token& stopToken, const std::string& host) {
+    MultiHandle multi(curl_multi_init());
+    if (!multi) {
+        throw HttpError::transport(host, "libcurl could not make a transfer handle");
+    }
+    if (const CURLMcode code = curl_multi_add_handle(multi.get(), easy); code != CURLM_OK) {
+        throw HttpError::transport(host, curl_multi_strerror(code));
+    }
+    const MultiAttachment attachment(multi.get(), easy);
+    const std::stop_callback wake(stopToken, [target = multi.get()] { curl_multi_wakeup(target); });
+    for (int running = 1;;) {
+        if (stopToken.stop_requested()) {
+            throw HttpError::cancelled(host);
+        }
+        CURLMcode code = curl_multi_perform(multi.get(), &running);
+        if (code == CURLM_OK && running != 0) {
+            code = curl_multi_poll(multi.get(), nullptr, 0, pollMilliseconds, nullptr);
+        }
+        if (code != CURLM_OK) {
+            throw HttpError::transport(host, curl_multi_strerror(code));
+        }
+        if (running == 0) {
+            break;
+        }
+    }
+    int queued = 0;
+    while (const CURLMsg* message = curl_multi_info_read(multi.get(), &queued)) {
+        if (message->msg == CURLMSG_DONE && message->easy_handle == easy) {
+            return message->data.result;
+        }
+    }
+    return CURLE_OK;
+}
+
+std::string curlDetail(CURLcode code, const char* errorBuffer) {
+    std::string detail = curl_easy_strerror(code);
+    if (errorBuffer[0] != '\0' && detail != errorBuffer) {
+        detail += " (" + std::string(errorBuffer) + ")";
+    }
+    return detail;
+}
+
+bool connected(CURL* easy) {
+    curl_off_t connectTime = 0;
+    return curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connectTime) == CURLE_OK &&
+           connectTime > 0;
+}
+
+[[noreturn]] void throwFailure(CURLcode code, CURL* easy, const HttpRequest& request,
+                               const Exchange& exchange, const char* errorBuffer,
+                               const std::string& host) {
+    if (exchange.responseTooLarge || code == CURLE_FILESIZE_EXCEEDED) {
+        throw HttpError::tooLarge(host, HttpError::Direction::response, request.responseLimit);
+    }
+    switch (code) {
+    case CURLE_OPERATION_TIMEDOUT: {
+        const bool connecting = !connected(easy) && request.connectTimeout < request.timeout;
+        throw HttpError::timedOut(host, connecting ? request.connectTimeout : request.timeout,
+                                  connecting);
+    }
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_CONNECT:
+        throw HttpError::notReachable(host, errorBuffer[0] != '\0' ? std::string(errorBuffer)
+                                                                   : curl_easy_strerror(code));
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_GOT_NOTHING:
+        throw HttpError::invalidResponse(host, curlDetail(code, errorBuffer));
+    case CURLE_UNSUPPORTED_PROTOCOL:
+        // Once connected, this is curl refusing a reply without a status line (HTTP/0.9).
+        if (connected(easy)) {
+            throw HttpError::invalidResponse(host, curlDetail(code, errorBuffer));
+        }
+        break;
+    default:
+        break;
+    }
+    throw HttpError::transport(host, curlDetail(code, errorBuffer));
+}
+
+} // namespace
+
+HttpResponse CurlHttpClient::send(const HttpRequest& request, const std::stop_token& stopToken) {
+    if (!isMethodToken(request.method)) {
+        throw std::invalid_argument("HTTP method \"" + request.method + "\" is not a token");
+    }
+    const std::string host = httpHostOf(request.url);
+    if (request.body.size() > requestLimit_) {
+        throw HttpError::tooLarge(host, HttpError::Direction::request, requestLimit_);
+    }
+    if (stopToken.stop_requested()) {
+        throw HttpError::cancelled(host);
+    }
+    initialiseCurl();
+    const HeaderList headers = headerList(request);
+    const EasyHandle easy(curl_easy_init());
+    if (!easy) {
+        throw HttpError::transport(host, "libcurl could not make a request handle");
+    }
+    Exchange exchange{.responseLimit = request.responseLimit};
+    std::array<char, CURL_ERROR_SIZE> errorBuffer{};
+    configure(easy.get(), request, headers.get(), exchange, errorBuffer.data(), host);
+
+    const CURLcode code = perform(easy.get(), stopToken, host);
+    if (code != CURLE_OK) {
+        throwFailure(code, easy.get(), request, exchange, errorBuffer.data(), host);
+    }
+    long status = 0;
+    curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (status < 100 || status > 999) {
+        throw HttpError::invalidResponse(host, "no status line");
+    }
+    exchange.response.status = static_cast<int>(status);
+    return std::move(exchange.response);
+}
+
+} // namespace quorlin
