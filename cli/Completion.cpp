@@ -9,16 +9,32 @@ namespace quorlin::cli {
 
 namespace {
 
-std::string commandWords(bool subcommands) {
+// The top-level command names, or with parent the second words of its subcommands
+// ("show" for "history show"), separated by spaces.
+std::string commandWords(const std::string& parent = {}) {
     std::string words;
     for (const auto& command : commandTable()) {
-        const bool isSub = command.name.find(' ') != std::string::npos;
-        if (isSub == subcommands) {
+        const auto space = command.name.find(' ');
+        const bool wanted =
+            parent.empty() ? space == std::string::npos
+                           : space != std::string::npos && command.name.substr(0, space) == parent;
+        if (wanted) {
             words += (words.empty() ? "" : " ") +
-                     (isSub ? command.name.substr(command.name.find(' ') + 1) : command.name);
+                     (parent.empty() ? command.name : command.name.substr(space + 1));
         }
     }
     return words;
+}
+
+// "'history show'|'settings set'": the two-word commands, as a shell case pattern.
+std::string subcommandPattern() {
+    std::string pattern;
+    for (const auto& command : commandTable()) {
+        if (command.name.find(' ') != std::string::npos) {
+            pattern += (pattern.empty() ? "'" : "|'") + command.name + "'";
+        }
+    }
+    return pattern;
 }
 
 // What bash offers for an operand or an option value.
@@ -61,14 +77,17 @@ std::string bashScript() {
            "    COMPREPLY=()\n"
            "    if [ \"$COMP_CWORD\" -eq 1 ]; then\n"
            "        COMPREPLY=($(compgen -W \""
-        << commandWords(false)
+        << commandWords()
         << " --help --version\" -- \"$cur\"))\n"
            "        return\n"
            "    fi\n"
            "    local command=${COMP_WORDS[1]} first=2\n"
-           "    if [ \"$command\" = history ] && [ \"${COMP_WORDS[2]}\" = show ] && "
-           "[ \"$COMP_CWORD\" -gt 2 ]; then\n"
-           "        command='history show' first=3\n"
+           "    if [ \"$COMP_CWORD\" -gt 2 ]; then\n"
+           "        case \"$command ${COMP_WORDS[2]}\" in\n"
+           "        "
+        << subcommandPattern()
+        << ") command=\"$command ${COMP_WORDS[2]}\" first=3 ;;\n"
+           "        esac\n"
            "    fi\n"
            "    case \"$command:$prev\" in\n";
     for (const auto& command : commandTable()) {
@@ -92,9 +111,9 @@ std::string bashScript() {
         out << "    '" << command.name << "')\n"
             << "        if [[ $cur == -* ]]; then COMPREPLY=($(compgen -W \"" << options
             << "\" -- \"$cur\")); return; fi\n";
-        if (command.name == "history") {
-            out << "        [ \"$COMP_CWORD\" -eq 2 ] && COMPREPLY=($(compgen -W \""
-                << commandWords(true) << "\" -- \"$cur\"))\n";
+        if (const auto subcommands = commandWords(command.name); !subcommands.empty()) {
+            out << "        [ \"$COMP_CWORD\" -eq 2 ] && COMPREPLY=($(compgen -W \"" << subcommands
+                << "\" -- \"$cur\"))\n";
         }
         if (!command.operandCompletion.empty()) {
             out << "        [ \"$COMP_CWORD\" -ge \"$first\" ] && "
@@ -156,10 +175,13 @@ std::string zshScript() {
            "    fi\n"
            "    local command=$words[2]\n"
            "    shift words; (( CURRENT-- ))\n"
-           "    if [[ $command == history && $words[2] == show ]]; then\n"
-           "        command='history show'\n"
-           "        shift words; (( CURRENT-- ))\n"
-           "    fi\n"
+           "    case \"$command $words[2]\" in\n"
+           "    "
+        << subcommandPattern()
+        << ")\n"
+           "        command=\"$command $words[2]\"\n"
+           "        shift words; (( CURRENT-- )) ;;\n"
+           "    esac\n"
            "    case $command in\n";
     for (const auto& command : commandTable()) {
         out << "    '" << command.name << "')\n        _arguments -s '(- *)--help[Show help]'";
@@ -173,8 +195,8 @@ std::string zshScript() {
             }
             out << "'";
         }
-        if (command.name == "history") {
-            out << " '1:subcommand:(show)'";
+        if (const auto subcommands = commandWords(command.name); !subcommands.empty()) {
+            out << " '1:subcommand:(" << subcommands << ")'";
         } else if (!command.operandCompletion.empty()) {
             out << " '1:" << zshText(command.operands) << ":"
                 << zshAction(command.operandCompletion) << "'";

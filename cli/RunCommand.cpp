@@ -12,6 +12,7 @@
 #include "core/execution/RunCoordinator.h"
 #include "core/foundation/EventLoop.h"
 #include "core/foundation/Text.h"
+#include "core/stores/AppSettingsStore.h"
 #include "core/stores/AuditLogStore.h"
 
 #include <cstdio>
@@ -361,6 +362,7 @@ int runCommand(const ParsedArguments& arguments) {
     }
     auto auditStore = std::make_shared<AuditLogStore>(paths);
     auditStore->checkWritable();
+    context.appSettings = AppSettingsStore(paths).load();
     context.clientProfile = ClientProfileStore(paths).loadOrCreateDefault(resources);
     context.totalMinutesSaved = auditStore->totals().minutesSaved;
     ScriptLog scriptLog(options.verbose);

@@ -115,9 +115,10 @@ case_name=bash-completion
 run_quorlin completion bash
 words=$(bash -c 'source "$1"; COMP_WORDS=(quorlin hist); COMP_CWORD=1; _quorlin; echo "${COMPREPLY[*]}"
     COMP_WORDS=(quorlin history --st); COMP_CWORD=2; _quorlin; echo "${COMPREPLY[*]}"
-    COMP_WORDS=(quorlin history --status ""); COMP_CWORD=3; _quorlin; echo "${COMPREPLY[*]}"' \
+    COMP_WORDS=(quorlin history --status ""); COMP_CWORD=3; _quorlin; echo "${COMPREPLY[*]}"
+    COMP_WORDS=(quorlin settings s); COMP_CWORD=2; _quorlin; echo "${COMPREPLY[*]}"' \
     _ "$scratch/out")
-[ "$words" = $'history\n--status\nsuccess failed rejected' ] || problem "bash completed: $words"
+[ "$words" = $'history\n--status\nsuccess failed rejected\nset' ] || problem "bash completed: $words"
 check bad-shell 2 err "unknown shell 'fish'" -- completion fish
 case_name=zsh-completion
 run_quorlin completion zsh
