@@ -62,18 +62,6 @@ std::string operandCountProblem(const CommandSpec& command, const Arguments& ope
 
 } // namespace
 
-std::string CommandSpec::usageLine() const {
-    std::string line = "quorlin " + name;
-    for (const auto& option : options) {
-        std::string text = option.name;
-        if (!option.valueName.empty()) {
-            text += " " + option.valueName;
-        }
-        line += " [" + text + "]" + (option.repeatable ? "..." : "");
-    }
-    return line + (operands.empty() ? "" : " " + operands);
-}
-
 std::string CommandSpec::helpText() const {
     std::string text = "Usage: quorlin " + name + (options.empty() ? "" : " [options]") +
                        (operands.empty() ? "" : " " + operands) + "\n\n" + summary + "\n";

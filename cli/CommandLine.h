@@ -47,7 +47,6 @@ struct CommandSpec {
     std::string operandCompletion;
     std::function<int(const ParsedArguments&)> run;
 
-    std::string usageLine() const;
     std::string helpText() const;
 };
 

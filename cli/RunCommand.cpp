@@ -2,6 +2,7 @@
 #include "cli/InterruptWatcher.h"
 #include "cli/ProgressPrinter.h"
 #include "cli/RunReport.h"
+#include "cli/ScriptLog.h"
 #include "core/definitions/AppSupportPaths.h"
 #include "core/definitions/ClientProfileStore.h"
 #include "core/definitions/QuorlinResources.h"
@@ -148,56 +149,6 @@ bool askToFile(std::size_t count) {
         }
     }
 }
-
-// What the scripts write to stderr: shown line by line with --verbose, otherwise counted
-// so the report can say that there is something to see. Called from the run's worker.
-class ScriptLog {
-public:
-    explicit ScriptLog(bool live) : live_(live) {}
-
-    void write(const std::string& stepID, std::string_view text) {
-        const std::lock_guard lock(mutex_);
-        auto& pending = pending_[stepID];
-        pending += text;
-        std::size_t end = 0;
-        while ((end = pending.find('\n')) != std::string::npos) {
-            takeLine(stepID, pending.substr(0, end));
-            pending.erase(0, end + 1);
-        }
-    }
-
-    // Lines not yet ended, and with hint, a line for each step whose log was not shown.
-    void finish(bool hint) {
-        const std::lock_guard lock(mutex_);
-        for (auto& [stepID, pending] : pending_) {
-            if (!pending.empty()) {
-                takeLine(stepID, pending);
-                pending.clear();
-            }
-        }
-        if (!hint) {
-            return;
-        }
-        for (const auto& [stepID, count] : hidden_) {
-            std::fprintf(stderr, "Step %s wrote %zu line(s) to stderr; --verbose shows them.\n",
-                         stepID.c_str(), count);
-        }
-    }
-
-private:
-    void takeLine(const std::string& stepID, const std::string& line) {
-        if (live_) {
-            std::fprintf(stderr, "  %s| %s\n", stepID.c_str(), escapedControlBytes(line).c_str());
-        } else {
-            ++hidden_[stepID];
-        }
-    }
-
-    bool live_;
-    std::mutex mutex_;
-    std::map<std::string, std::string> pending_;
-    std::map<std::string, std::size_t> hidden_;
-};
 
 // Drives one run through the coordinator on this thread's event loop, the way the desktop
 // app does: shows the steps, answers the gate, and ends with the report.
