@@ -133,10 +133,17 @@ std::pair<const CommandSpec*, Arguments> findCommand(const Arguments& words) {
         }
     }
     std::vector<std::string> names;
+    std::string subcommands; // of words[0], when it only leads two-word commands
     for (const auto& command : table) {
-        if (command.name.find(' ') == std::string::npos) {
+        const auto space = command.name.find(' ');
+        if (space == std::string::npos) {
             names.push_back(command.name);
+        } else if (command.name.substr(0, space) == words[0]) {
+            subcommands += (subcommands.empty() ? "" : ", ") + command.name.substr(space + 1);
         }
+    }
+    if (!subcommands.empty()) {
+        throw UsageError("'" + words[0] + "' needs one of: " + subcommands);
     }
     throw UsageError(unknownWordMessage("command", words[0], names));
 }

@@ -17,6 +17,7 @@ int uninstallCommand(const ParsedArguments& arguments);
 int packCommand(const ParsedArguments& arguments);
 int profileCommand(const ParsedArguments& arguments);
 int settingsCommand(const ParsedArguments& arguments);
+int llmCheckCommand(const ParsedArguments& arguments);
 int settingsSetCommand(const ParsedArguments& arguments);
 int completionCommand(const ParsedArguments& arguments);
 int helpCommand(const ParsedArguments& arguments);

@@ -1,11 +1,13 @@
 #include "AnthropicClient.h"
 
 #include "core/foundation/HttpError.h"
+#include "core/foundation/Text.h"
 #include "core/services/AnthropicClientError.h"
 #include "core/services/LLMJsonReply.h"
 #include "core/services/ReplyDecoding.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <utility>
 
 namespace quorlin {
@@ -100,6 +102,12 @@ WorkflowValueMap decodedObject(const std::string& text) {
 }
 
 } // namespace
+
+std::string anthropicBaseURLFromEnvironment() {
+    const char* value = std::getenv("QUORLIN_ANTHROPIC_BASE_URL");
+    const std::string text = value != nullptr ? trimmed(value) : std::string();
+    return text.empty() ? std::string(defaultAnthropicBaseURL) : text;
+}
 
 AnthropicClient::AnthropicClient(std::string baseURL, std::shared_ptr<HttpTransport> transport)
     : baseURL_(std::move(baseURL)), transport_(std::move(transport)) {}

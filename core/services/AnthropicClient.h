@@ -36,6 +36,10 @@ struct AnthropicTextResult {
     double costUSD = 0;
 };
 
+// The Anthropic API's scheme and host: QUORLIN_ANTHROPIC_BASE_URL when set and not blank
+// (a gateway, or a test's fake server), else defaultAnthropicBaseURL.
+std::string anthropicBaseURLFromEnvironment();
+
 // The program's path to the Anthropic Messages API. It holds no key: every call is given
 // the key by its caller, and no error text or log line ever carries it. Stateless, so any
 // thread may call it.
