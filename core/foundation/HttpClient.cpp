@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <dlfcn.h>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string_view>
 
@@ -15,14 +15,88 @@ namespace quorlin {
 
 namespace {
 
+// libcurl and what it brings with it (TLS, HTTP/2, Kerberos, LDAP: some thirty
+// libraries) take milliseconds to load, and most runs of the program make no request;
+// so the library is opened on the first request rather than at start-up.
+struct CurlLibrary {
+    CURLcode (*globalInit)(long) = nullptr;
+    CURL* (*easyInit)() = nullptr;
+    CURLcode (*easySetopt)(CURL*, CURLoption, ...) = nullptr;
+    CURLcode (*easyGetinfo)(CURL*, CURLINFO, ...) = nullptr;
+    void (*easyCleanup)(CURL*) = nullptr;
+    const char* (*easyStrerror)(CURLcode) = nullptr;
+    CURLM* (*multiInit)() = nullptr;
+    CURLMcode (*multiAddHandle)(CURLM*, CURL*) = nullptr;
+    CURLMcode (*multiRemoveHandle)(CURLM*, CURL*) = nullptr;
+    CURLMcode (*multiPerform)(CURLM*, int*) = nullptr;
+    CURLMcode (*multiPoll)(CURLM*, curl_waitfd*, unsigned int, int, int*) = nullptr;
+    CURLMcode (*multiWakeup)(CURLM*) = nullptr;
+    CURLMsg* (*multiInfoRead)(CURLM*, int*) = nullptr;
+    CURLMcode (*multiCleanup)(CURLM*) = nullptr;
+    const char* (*multiStrerror)(CURLMcode) = nullptr;
+    curl_slist* (*slistAppend)(curl_slist*, const char*) = nullptr;
+    void (*slistFreeAll)(curl_slist*) = nullptr;
+};
+
+constexpr const char* curlLibraryName = "libcurl.so.4";
+
+template <typename Function> void bind(void* library, const char* name, Function& target) {
+    void* symbol = ::dlsym(library, name);
+    if (symbol == nullptr) {
+        throw HttpError::transport({}, std::string(curlLibraryName) + " lacks " + name);
+    }
+    target = reinterpret_cast<Function>(symbol); // NOLINT: how dlsym hands out functions
+}
+
+CurlLibrary openCurl() {
+    // Kept open for the life of the process, as curl's global state must be.
+    void* library = ::dlopen(curlLibraryName, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        const char* reason = ::dlerror();
+        throw HttpError::transport({}, std::string("HTTP needs ") + curlLibraryName +
+                                           ", which could not be loaded: " +
+                                           (reason != nullptr ? reason : "unknown reason"));
+    }
+    CurlLibrary curl;
+    bind(library, "curl_global_init", curl.globalInit);
+    bind(library, "curl_easy_init", curl.easyInit);
+    bind(library, "curl_easy_setopt", curl.easySetopt);
+    bind(library, "curl_easy_getinfo", curl.easyGetinfo);
+    bind(library, "curl_easy_cleanup", curl.easyCleanup);
+    bind(library, "curl_easy_strerror", curl.easyStrerror);
+    bind(library, "curl_multi_init", curl.multiInit);
+    bind(library, "curl_multi_add_handle", curl.multiAddHandle);
+    bind(library, "curl_multi_remove_handle", curl.multiRemoveHandle);
+    bind(library, "curl_multi_perform", curl.multiPerform);
+    bind(library, "curl_multi_poll", curl.multiPoll);
+    bind(library, "curl_multi_wakeup", curl.multiWakeup);
+    bind(library, "curl_multi_info_read", curl.multiInfoRead);
+    bind(library, "curl_multi_cleanup", curl.multiCleanup);
+    bind(library, "curl_multi_strerror", curl.multiStrerror);
+    bind(library, "curl_slist_append", curl.slistAppend);
+    bind(library, "curl_slist_free_all", curl.slistFreeAll);
+    // curl_global_init is not thread-safe and must run once before any handle exists.
+    if (const CURLcode code = curl.globalInit(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {
+        throw HttpError::transport({}, std::string("libcurl could not start: ") +
+                                           curl.easyStrerror(code));
+    }
+    return curl;
+}
+
+// The library, opened by the first request; after a failure the next request tries again.
+const CurlLibrary& curl() {
+    static const CurlLibrary library = openCurl();
+    return library;
+}
+
 struct EasyDeleter {
-    void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+    void operator()(CURL* easy) const { curl().easyCleanup(easy); }
 };
 struct MultiDeleter {
-    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+    void operator()(CURLM* multi) const { curl().multiCleanup(multi); }
 };
 struct ListDeleter {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+    void operator()(curl_slist* list) const { curl().slistFreeAll(list); }
 };
 using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
 using MultiHandle = std::unique_ptr<CURLM, MultiDeleter>;
@@ -32,7 +106,7 @@ using HeaderList = std::unique_ptr<curl_slist, ListDeleter>;
 class MultiAttachment {
 public:
     MultiAttachment(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {}
-    ~MultiAttachment() { curl_multi_remove_handle(multi_, easy_); }
+    ~MultiAttachment() { curl().multiRemoveHandle(multi_, easy_); }
     MultiAttachment(const MultiAttachment&) = delete;
     MultiAttachment& operator=(const MultiAttachment&) = delete;
 
@@ -45,17 +119,6 @@ constexpr const char* userAgent = "Quorlin/" QUORLIN_VERSION;
 // How long a transfer sleeps at most without looking at its clocks; a stop request wakes
 // it sooner.
 constexpr int pollMilliseconds = 1000;
-
-// curl_global_init is not thread-safe and must run once before any handle exists.
-void initialiseCurl() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        if (const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {
-            throw HttpError::transport({}, std::string("libcurl could not start: ") +
-                                               curl_easy_strerror(code));
-        }
-    });
-}
 
 struct Exchange {
     HttpResponse response{};
@@ -115,7 +178,7 @@ bool holdsLineBreak(std::string_view text) {
 HeaderList headerList(const HttpRequest& request) {
     HeaderList list;
     const auto append = [&list](const std::string& line) {
-        curl_slist* extended = curl_slist_append(list.get(), line.c_str());
+        curl_slist* extended = curl().slistAppend(list.get(), line.c_str());
         if (extended == nullptr) {
             throw std::bad_alloc();
         }
@@ -142,8 +205,8 @@ HeaderList headerList(const HttpRequest& request) {
 
 template <typename Value>
 void setOption(CURL* easy, CURLoption option, Value value, const std::string& host) {
-    if (const CURLcode code = curl_easy_setopt(easy, option, value); code != CURLE_OK) {
-        throw HttpError::transport(host, curl_easy_strerror(code));
+    if (const CURLcode code = curl().easySetopt(easy, option, value); code != CURLE_OK) {
+        throw HttpError::transport(host, curl().easyStrerror(code));
     }
 }
 
@@ -188,32 +251,33 @@ void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, Exch
 
 // Drives the transfer until it ends or a stop is requested.
 CURLcode perform(CURL* easy, const std::stop_token& stopToken, const std::string& host) {
-    MultiHandle multi(curl_multi_init());
+    MultiHandle multi(curl().multiInit());
     if (!multi) {
         throw HttpError::transport(host, "libcurl could not make a transfer handle");
     }
-    if (const CURLMcode code = curl_multi_add_handle(multi.get(), easy); code != CURLM_OK) {
-        throw HttpError::transport(host, curl_multi_strerror(code));
+    if (const CURLMcode code = curl().multiAddHandle(multi.get(), easy); code != CURLM_OK) {
+        throw HttpError::transport(host, curl().multiStrerror(code));
     }
     const MultiAttachment attachment(multi.get(), easy);
-    const std::stop_callback wake(stopToken, [target = multi.get()] { curl_multi_wakeup(target); });
+    const std::stop_callback wake(stopToken,
+                                  [target = multi.get()] { curl().multiWakeup(target); });
     for (int running = 1;;) {
         if (stopToken.stop_requested()) {
             throw HttpError::cancelled(host);
         }
-        CURLMcode code = curl_multi_perform(multi.get(), &running);
+        CURLMcode code = curl().multiPerform(multi.get(), &running);
         if (code == CURLM_OK && running != 0) {
-            code = curl_multi_poll(multi.get(), nullptr, 0, pollMilliseconds, nullptr);
+            code = curl().multiPoll(multi.get(), nullptr, 0, pollMilliseconds, nullptr);
         }
         if (code != CURLM_OK) {
-            throw HttpError::transport(host, curl_multi_strerror(code));
+            throw HttpError::transport(host, curl().multiStrerror(code));
         }
         if (running == 0) {
             break;
         }
     }
     int queued = 0;
-    while (const CURLMsg* message = curl_multi_info_read(multi.get(), &queued)) {
+    while (const CURLMsg* message = curl().multiInfoRead(multi.get(), &queued)) {
         if (message->msg == CURLMSG_DONE && message->easy_handle == easy) {
             return message->data.result;
         }
@@ -222,7 +286,7 @@ CURLcode perform(CURL* easy, const std::stop_token& stopToken, const std::string
 }
 
 std::string curlDetail(CURLcode code, const char* errorBuffer) {
-    std::string detail = curl_easy_strerror(code);
+    std::string detail = curl().easyStrerror(code);
     if (errorBuffer[0] != '\0' && detail != errorBuffer) {
         detail += " (" + std::string(errorBuffer) + ")";
     }
@@ -231,7 +295,7 @@ std::string curlDetail(CURLcode code, const char* errorBuffer) {
 
 bool connected(CURL* easy) {
     curl_off_t connectTime = 0;
-    return curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connectTime) == CURLE_OK &&
+    return curl().easyGetinfo(easy, CURLINFO_CONNECT_TIME_T, &connectTime) == CURLE_OK &&
            connectTime > 0;
 }
 
@@ -251,7 +315,7 @@ bool connected(CURL* easy) {
     case CURLE_COULDNT_RESOLVE_PROXY:
     case CURLE_COULDNT_CONNECT:
         throw HttpError::notReachable(host, errorBuffer[0] != '\0' ? std::string(errorBuffer)
-                                                                   : curl_easy_strerror(code));
+                                                                   : curl().easyStrerror(code));
     case CURLE_WEIRD_SERVER_REPLY:
     case CURLE_GOT_NOTHING:
         throw HttpError::invalidResponse(host, curlDetail(code, errorBuffer));
@@ -280,9 +344,8 @@ HttpResponse CurlHttpClient::send(const HttpRequest& request, const std::stop_to
     if (stopToken.stop_requested()) {
         throw HttpError::cancelled(host);
     }
-    initialiseCurl();
     const HeaderList headers = headerList(request);
-    const EasyHandle easy(curl_easy_init());
+    const EasyHandle easy(curl().easyInit());
     if (!easy) {
         throw HttpError::transport(host, "libcurl could not make a request handle");
     }
@@ -295,7 +358,7 @@ HttpResponse CurlHttpClient::send(const HttpRequest& request, const std::stop_to
         throwFailure(code, easy.get(), request, exchange, errorBuffer.data(), host);
     }
     long status = 0;
-    curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
+    curl().easyGetinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status);
     if (status < 100 || status > 999) {
         throw HttpError::invalidResponse(host, "no status line");
     }

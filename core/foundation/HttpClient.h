@@ -16,6 +16,9 @@ inline constexpr std::size_t defaultHttpRequestLimit = std::size_t{32} << 20U;
 // followed: a 3xx reply is handed back as it is, so headers that carry keys never reach
 // another host. Every request says "User-Agent: Quorlin/<version>".
 //
+// libcurl (libcurl.so.4) is loaded on the first request, so a process that makes none
+// doesn't pay for it; without it every request fails with HttpError(transport) saying so.
+//
 // A stop request wakes the transfer at once and throws HttpError(cancelled); a request
 // whose token is already stopped is not sent. A body larger than requestLimit is refused
 // with HttpError(tooLarge) before any connection is made.
