@@ -82,7 +82,7 @@ std::string unknownWordMessage(const std::string& what, const std::string& word,
 // Every command quorlin has, in the order the help lists them.
 const std::vector<CommandSpec>& commandTable();
 
-// The spec a command line names ("history show" before "history"), and the words after
+// The command a command line names ("history show" before "history"), and the words after
 // its name. Throws UsageError for a command that doesn't exist.
 std::pair<const CommandSpec*, Arguments> findCommand(const Arguments& words);
 

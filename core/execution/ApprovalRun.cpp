@@ -4,40 +4,13 @@
 #include "core/definitions/WorkflowValueCoding.h"
 #include "core/execution/ApprovalItems.h"
 #include "core/execution/ContextSteps.h"
+#include "core/execution/LLMOutput.h"
 #include "core/execution/RunResults.h"
 #include "core/foundation/Uuid.h"
 
 #include <algorithm>
 
 namespace quorlin {
-
-namespace {
-
-// The cost an LLM step left in its outputs. Steps are searched in no particular order and
-// the first cost found wins: a run is expected to have one priced LLM step.
-double firstLLMCost(const StepOutputs& stepOutputs) {
-    for (const auto& [stepID, outputs] : stepOutputs) {
-        const auto found = outputs.find("llm_cost_usd");
-        if (found == outputs.end()) {
-            continue;
-        }
-        const WorkflowValue& value = found->second;
-        if (const auto* real = value.real()) {
-            return *real;
-        }
-        if (const auto* integer = value.integer()) {
-            return static_cast<double>(*integer);
-        }
-        if (const auto* text = value.string()) {
-            if (const auto parsed = parseFloatingNumber(*text)) {
-                return *parsed;
-            }
-        }
-    }
-    return 0;
-}
-
-} // namespace
 
 PreparedApprovalWorkflowRun prepareApprovalRun(GenericScriptWorkflowRunning& service,
                                                const LoadedWorkflow& workflow,
@@ -60,7 +33,7 @@ PreparedApprovalWorkflowRun prepareApprovalRun(GenericScriptWorkflowRunning& ser
     prepared.startedAt = checkpoint.log.startedAt;
     prepared.trigger = trigger;
     prepared.approvalItems = approvalItems(checkpoint);
-    prepared.llmCostUSD = firstLLMCost(checkpoint.log.stepOutputs);
+    prepared.llmCostUSD = llmCostUSD(checkpoint.log.stepOutputs);
     prepared.stepTimings = checkpoint.log.stepTimings;
     prepared.stepRecords = checkpoint.log.stepRecords;
     prepared.outputFolder = outputFolder(checkpoint.log.stepOutputs);

@@ -14,6 +14,11 @@ std::optional<std::string> nonBlank(const std::optional<std::string>& candidate)
     return text.empty() ? std::nullopt : std::optional(text);
 }
 
+std::optional<std::string> nonBlankModel(std::string_view text) {
+    std::string model = trimmed(text);
+    return model.empty() ? std::nullopt : std::optional(std::move(model));
+}
+
 std::optional<std::string> routeOfRole(const LLMRouting& routing, const std::string& role) {
     if (role == namingProposalRole) {
         return routing.namingProposal;
@@ -65,6 +70,29 @@ std::string resolvedLLMRoute(const std::string& role, const FlowDefinition& work
         return *route;
     }
     return trimmed(routing.provider(role));
+}
+
+std::optional<std::string> ollamaModel(const std::string& route, const AppSettings& settings) {
+    if (startsWith(route, ollamaRoutePrefix)) {
+        return nonBlankModel(std::string_view(route).substr(ollamaRoutePrefix.size()));
+    }
+    if (route == "ollama" || route == "local" || route == "local-llm") {
+        return nonBlankModel(settings.localLLMModel);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> anthropicModel(const std::string& route) {
+    if (route == claudeSonnetRoute) {
+        return std::string(claudeSonnetModel);
+    }
+    if (startsWith(route, anthropicRoutePrefix)) {
+        return nonBlankModel(std::string_view(route).substr(anthropicRoutePrefix.size()));
+    }
+    if (startsWith(route, claudeModelPrefix)) {
+        return route;
+    }
+    return std::nullopt;
 }
 
 } // namespace quorlin

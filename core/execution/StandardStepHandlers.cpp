@@ -1,6 +1,7 @@
 #include "StandardStepHandlers.h"
 
 #include "core/definitions/StepTypes.h"
+#include "core/execution/LLMSteps.h"
 #include "core/execution/NativeStepHandlers.h"
 #include "core/execution/ScriptSteps.h"
 
@@ -10,6 +11,10 @@ StepHandlerRegistry standardStepHandlers(const StepServices& services) {
     using Folder = FolderStepHandler::Kind;
     const WorkflowScriptLauncher scripts(services.scriptRunner, services.paths);
     const auto context = std::make_shared<ContextStepHandler>();
+    auto anthropic =
+        services.anthropicClient
+            ? services.anthropicClient
+            : std::make_shared<const AnthropicClient>(anthropicBaseURLFromEnvironment());
 
     StepHandlerRegistry registry;
     registry.setScriptBlockHandler(std::make_shared<ScriptBlockStepHandler>(scripts));
@@ -22,6 +27,8 @@ StepHandlerRegistry standardStepHandlers(const StepServices& services) {
                  std::make_shared<FolderStepHandler>(Folder::outputFolder, services.paths));
     registry.add(stepType::contextPrepare, context);
     registry.add(stepType::contextLoad, context);
+    registry.add(stepType::llmGenerateStructured,
+                 std::make_shared<LLMGenerateStructuredStepHandler>(std::move(anthropic), scripts));
     registry.add(stepType::batchApproval, std::make_shared<ApprovalGateStepHandler>());
     registry.add(stepType::nativeFileWrite, std::make_shared<FileWriteStepHandler>());
     return registry;

@@ -3,6 +3,7 @@
 #include "core/definitions/AppSupportPaths.h"
 #include "core/execution/ScriptRunner.h"
 #include "core/execution/StepHandlerRegistry.h"
+#include "core/services/AnthropicClient.h"
 
 #include <memory>
 
@@ -12,6 +13,9 @@ namespace quorlin {
 struct StepServices {
     std::shared_ptr<ScriptRunner> scriptRunner;
     AppSupportPaths paths;
+    // Absent: one at anthropicBaseURLFromEnvironment(), so the command line can point the
+    // LLM steps at another address.
+    std::shared_ptr<const AnthropicClient> anthropicClient = nullptr;
 };
 
 // Every step handler this build has, registered by type.
