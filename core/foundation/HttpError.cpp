@@ -47,7 +47,7 @@ std::string secondsText(std::chrono::milliseconds duration) {
     return text.str();
 }
 
-std::string withDetail(std::string text, const std::string& detail) {
+std::string withDetail(const std::string& text, const std::string& detail) {
     return detail.empty() ? text + "." : text + ": " + detail;
 }
 
