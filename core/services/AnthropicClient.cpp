@@ -5,6 +5,7 @@
 #include "core/services/AnthropicClientError.h"
 #include "core/services/LLMJsonReply.h"
 #include "core/services/ReplyDecoding.h"
+#include "core/services/ServiceExchange.h"
 
 #include <chrono>
 #include <cstdlib>
@@ -125,18 +126,8 @@ void AnthropicClient::ping(const std::string& apiKey, const std::stop_token& sto
     request.url = url("/v1/models");
     request.headers = keyHeaders(apiKey);
     request.timeout = pingTimeout;
-    HttpResponse response;
-    try {
-        response = transport_->send(request, stopToken);
-    } catch (const HttpError& error) {
-        if (error.kind() == HttpError::Kind::invalidResponse) {
-            throw AnthropicClientError::invalidResponse();
-        }
-        if (error.kind() == HttpError::Kind::cancelled) {
-            throw; // the caller gave up; that is not the network's fault
-        }
-        throw AnthropicClientError::notReachable();
-    }
+    const HttpResponse response = sendToService<AnthropicClientError>(
+        *transport_, request, stopToken, ServiceCall::connectionCheck);
     if (response.status == 401 || response.status == 403) {
         throw AnthropicClientError::invalidAPIKey();
     }
@@ -155,15 +146,8 @@ AnthropicTextResult AnthropicClient::generateJSON(const std::string& apiKey,
     request.headers.emplace_back("Content-Type", "application/json");
     request.body = requestBody(prompt);
     request.timeout = generationTimeout(prompt.timeoutSeconds);
-    HttpResponse response;
-    try {
-        response = transport_->send(request, stopToken);
-    } catch (const HttpError& error) {
-        if (error.kind() == HttpError::Kind::invalidResponse) {
-            throw AnthropicClientError::invalidResponse();
-        }
-        throw;
-    }
+    const HttpResponse response = sendToService<AnthropicClientError>(
+        *transport_, request, stopToken, ServiceCall::generation);
     if (!response.successful()) {
         throw statusError(response, apiKey);
     }

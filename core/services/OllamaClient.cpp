@@ -5,6 +5,7 @@
 #include "core/services/LLMJsonReply.h"
 #include "core/services/OllamaClientError.h"
 #include "core/services/ReplyDecoding.h"
+#include "core/services/ServiceExchange.h"
 
 #include <chrono>
 #include <utility>
@@ -104,18 +105,8 @@ std::vector<OllamaModelInfo> OllamaClient::listModels(const std::stop_token& sto
     HttpRequest request;
     request.url = url("/api/tags");
     request.timeout = listTimeout;
-    HttpResponse response;
-    try {
-        response = transport_->send(request, stopToken);
-    } catch (const HttpError& error) {
-        if (error.kind() == HttpError::Kind::invalidResponse) {
-            throw OllamaClientError::invalidResponse();
-        }
-        if (error.kind() == HttpError::Kind::cancelled) {
-            throw; // the caller gave up; the server may be fine
-        }
-        throw OllamaClientError::notReachable();
-    }
+    const HttpResponse response = sendToService<OllamaClientError>(*transport_, request, stopToken,
+                                                                   ServiceCall::connectionCheck);
     if (!response.successful()) {
         throw statusError(response);
     }
@@ -130,15 +121,8 @@ WorkflowValueMap OllamaClient::generateJSON(const OllamaPrompt& prompt,
     request.headers = {{"Content-Type", "application/json"}};
     request.body = chatBody(prompt);
     request.timeout = generationTimeout(prompt.timeoutSeconds);
-    HttpResponse response;
-    try {
-        response = transport_->send(request, stopToken);
-    } catch (const HttpError& error) {
-        if (error.kind() == HttpError::Kind::invalidResponse) {
-            throw OllamaClientError::invalidResponse();
-        }
-        throw;
-    }
+    const HttpResponse response =
+        sendToService<OllamaClientError>(*transport_, request, stopToken, ServiceCall::generation);
     if (!response.successful()) {
         throw statusError(response);
     }
