@@ -1,17 +1,16 @@
 #include "WorkflowWarnings.h"
 
 #include "core/definitions/PackagePath.h"
-#include "core/definitions/RecordDecoding.h"
 #include "core/definitions/ScriptRuntime.h"
 #include "core/definitions/StepTypes.h"
 #include "core/definitions/TriggerTypes.h"
-#include "core/foundation/AtomicFile.h"
+#include "core/definitions/WorkflowKeyWarnings.h"
+#include "core/definitions/WorkflowTemplateCheck.h"
+#include "core/definitions/WorkflowWarningList.h"
 #include "core/foundation/ClosestWord.h"
-#include "core/foundation/Regex.h"
 #include "core/foundation/Text.h"
 
 #include <algorithm>
-#include <functional>
 #include <initializer_list>
 #include <map>
 #include <optional>
@@ -22,55 +21,9 @@
 
 namespace quorlin {
 
+using namespace warnings;
+
 namespace {
-
-// The decoder's coding path of the step list; its items are "flow.steps[<index>]".
-const std::string stepsPath = "flow.steps";
-
-// Warnings in the order they were found, each said once.
-class WarningList {
-public:
-    void add(const std::string& stepID, std::string message) {
-        WorkflowWarning warning{stepID, std::move(message)};
-        if (std::find(items_.begin(), items_.end(), warning) == items_.end()) {
-            items_.push_back(std::move(warning));
-        }
-    }
-
-    std::vector<WorkflowWarning> take() { return std::move(items_); }
-
-private:
-    std::vector<WorkflowWarning> items_;
-};
-
-// What each step check needs to know besides the step itself.
-struct StepScope {
-    const FlowStep& step;
-    const YamlNode& raw; // the step's own mapping
-    const WorkflowBlockResolution* block;
-    const std::filesystem::path& bundleDirectory;
-};
-
-std::string inQuotes(std::string_view text) {
-    return "'" + std::string(text) + "'";
-}
-
-std::string stepPrefix(const FlowStep& step) {
-    return "Step " + inQuotes(step.id) + ": ";
-}
-
-// "a, b, c", or "a or b" with " or " as separator.
-std::string listed(const std::vector<std::string>& names, std::string_view separator = ", ") {
-    std::string text;
-    for (const auto& name : names) {
-        text += (text.empty() ? "" : std::string(separator)) + name;
-    }
-    return text;
-}
-
-std::string didYouMean(const std::optional<std::string>& suggestion) {
-    return suggestion ? "; did you mean " + inQuotes(*suggestion) + "?" : ".";
-}
 
 std::vector<std::string> runtimeNames() {
     std::vector<std::string> names;
@@ -78,94 +31,6 @@ std::vector<std::string> runtimeNames() {
         names.emplace_back(rawValue(runtime));
     }
     return names;
-}
-
-// Pieces between separators, empty ones dropped, as template paths are read at run time:
-// "steps..a" has the pieces of "steps.a".
-std::vector<std::string> pieces(std::string_view text, char separator) {
-    std::vector<std::string> result;
-    std::size_t start = 0;
-    while (start <= text.size()) {
-        const std::size_t end = std::min(text.find(separator, start), text.size());
-        if (end > start) {
-            result.emplace_back(text.substr(start, end - start));
-        }
-        start = end + 1;
-    }
-    return result;
-}
-
-// ---- keys the decoder ignores -------------------------------------------------------
-
-std::vector<UnknownRecordKey> unknownWorkflowKeys(const YamlNode& raw) {
-    return unknownRecordKeys(raw, [](const YamlNode& root) { decodeWorkflowDocument(root); });
-}
-
-// Where a key lies within the step at index: "" among the step's own keys, "outputs[0]"
-// in a record inside it; none when it lies outside that step.
-std::optional<std::string> placeInStep(const UnknownRecordKey& unknown, std::size_t index) {
-    const std::string own = indexPath(stepsPath, index);
-    if (unknown.path == own) {
-        return "";
-    }
-    if (startsWith(unknown.path, own + ".")) {
-        return unknown.path.substr(own.size() + 1);
-    }
-    return std::nullopt;
-}
-
-bool isInAStep(const UnknownRecordKey& unknown) {
-    return startsWith(unknown.path, stepsPath + "[");
-}
-
-// "unknown key 'x' in <where>; did you mean 'y'?"
-std::string unknownKeyText(const UnknownRecordKey& unknown, std::string_view where) {
-    std::string text = "unknown key " + inQuotes(unknown.key);
-    if (!where.empty()) {
-        text += " in " + std::string(where);
-    }
-    return text + didYouMean(unknown.suggestion);
-}
-
-void addFlowKeyWarnings(const std::vector<UnknownRecordKey>& unknownKeys, WarningList& out) {
-    for (const auto& unknown : unknownKeys) {
-        if (!isInAStep(unknown)) {
-            const std::string where =
-                unknown.path.empty() ? "At the top level" : "In " + unknown.path;
-            out.add("", where + ": " + unknownKeyText(unknown, ""));
-        }
-    }
-}
-
-void addStepKeyWarnings(const FlowStep& step, std::size_t index,
-                        const std::vector<UnknownRecordKey>& unknownKeys, WarningList& out) {
-    for (const auto& unknown : unknownKeys) {
-        if (const auto where = placeInStep(unknown, index)) {
-            out.add(step.id, stepPrefix(step) + unknownKeyText(unknown, *where));
-        }
-    }
-}
-
-// The keys of a bundle's own block manifest, read again from its file. One the validator
-// accepted decodes here too; a file changed since then is passed over, as the next load
-// reports it.
-void addBlockManifestKeyWarnings(const StepScope& scope, WarningList& out) {
-    const auto& file = scope.block->definitionPath;
-    if (!file) {
-        return;
-    }
-    std::vector<UnknownRecordKey> found;
-    try {
-        found = unknownRecordKeys(parseYaml(readFile(*file)),
-                                  [](const YamlNode& root) { decodeBlockDefinition(root); });
-    } catch (const std::exception&) {
-        return;
-    }
-    const auto manifest = file->lexically_relative(scope.bundleDirectory).generic_string();
-    for (const auto& unknown : found) {
-        const auto where = unknown.path.empty() ? manifest : manifest + " (" + unknown.path + ")";
-        out.add(scope.step.id, stepPrefix(scope.step) + unknownKeyText(unknown, where));
-    }
 }
 
 // ---- step types and settings --------------------------------------------------------
@@ -400,86 +265,6 @@ void checkContextSettings(const StepScope& scope, WarningList& out) {
         }
     }
 }
-
-// ---- templates ----------------------------------------------------------------------
-
-void forEachString(const WorkflowValue& value,
-                   const std::function<void(const std::string&)>& visit) {
-    if (const auto* text = value.string()) {
-        visit(*text);
-    } else if (const auto* array = value.array()) {
-        for (const auto& item : *array) {
-            forEachString(item, visit);
-        }
-    } else if (const auto* object = value.object()) {
-        for (const auto& [key, item] : *object) {
-            forEachString(item, visit);
-        }
-    }
-}
-
-// The template syntax of step values and path templates alike.
-const Regex& templatePattern() {
-    static const Regex pattern(R"(\{\{\s*([^}]+?)\s*\}\})");
-    return pattern;
-}
-
-class TemplateCheck {
-public:
-    TemplateCheck(const FlowDefinition& flow, WarningList& out) : out_(out) {
-        for (std::size_t index = 0; index < flow.steps.size(); ++index) {
-            indexByID_.emplace(flow.steps[index].id, index);
-            ids_.push_back(flow.steps[index].id);
-        }
-    }
-
-    // Every "{{ steps.<id>... }}" in the step's inputs, config and action must name a step
-    // that has run by the time this one runs.
-    void check(const FlowStep& step, std::size_t index) const {
-        for (const auto* map : {&step.inputs, &step.config, &step.action}) {
-            if (!*map) {
-                continue;
-            }
-            for (const auto& [key, value] : **map) {
-                forEachString(value,
-                              [&](const std::string& text) { checkText(step, index, text); });
-            }
-        }
-    }
-
-private:
-    void checkText(const FlowStep& step, std::size_t index, const std::string& text) const {
-        for (const auto& match : templatePattern().allMatches(text)) {
-            const auto& whole = match[0];
-            const auto& inner = match[1];
-            const auto path =
-                pieces(std::string_view(text).substr(inner.begin, inner.end - inner.begin), '.');
-            if (path.size() >= 2 && path[0] == "steps") {
-                checkReference(step, index, text.substr(whole.begin, whole.end - whole.begin),
-                               path[1]);
-            }
-        }
-    }
-
-    void checkReference(const FlowStep& step, std::size_t index, const std::string& written,
-                        const std::string& named) const {
-        const std::string prefix =
-            stepPrefix(step) + "template " + inQuotes(written) + " names step " + inQuotes(named);
-        const auto found = indexByID_.find(named);
-        if (found == indexByID_.end()) {
-            out_.add(step.id,
-                     prefix + ", which is not in this flow" + didYouMean(closestWord(named, ids_)));
-        } else if (found->second == index) {
-            out_.add(step.id, prefix + ", its own step, whose outputs do not exist while it runs.");
-        } else if (found->second > index) {
-            out_.add(step.id, prefix + ", which runs later.");
-        }
-    }
-
-    WarningList& out_;
-    std::map<std::string, std::size_t> indexByID_; // the first step of each id
-    std::vector<std::string> ids_;
-};
 
 // ---- triggers -----------------------------------------------------------------------
 
