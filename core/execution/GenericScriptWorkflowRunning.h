@@ -23,7 +23,7 @@ using ScriptErrorOutput = std::function<void(const std::string& stepID, std::str
 
 // What a run needs besides the workflow: copies of the settings and the client profile,
 // the environment laid over every script's, where progress goes (called on the main
-// executor) and the stop.
+// executor), the stop, and the month's LLM spend for the budget.
 struct WorkflowRunRequest {
     AppSettings settings;
     ClientProfileDocument clientProfile;
@@ -31,6 +31,9 @@ struct WorkflowRunRequest {
     ProgressCallback progress;
     std::stop_token stopToken;
     ScriptErrorOutput scriptErrorOutput; // may be empty
+    // What the LLM steps of the runs recorded this calendar month cost, asked when a paid
+    // call is about to be made; empty where there is no audit log to ask.
+    std::function<double()> recordedLLMSpendThisMonthUSD;
 };
 
 // The face of the run driver that the run coordinator holds. The three run operations

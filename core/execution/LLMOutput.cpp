@@ -198,4 +198,15 @@ double llmCostUSD(const StepOutputs& stepOutputs) {
     return 0;
 }
 
+double llmSpendUSD(const StepOutputs& stepOutputs) {
+    double spent = 0;
+    for (const auto& [stepID, outputs] : stepOutputs) {
+        if (const auto found = outputs.find(std::string(llmCostOutputKey));
+            found != outputs.end()) {
+            spent += costValue(found->second).value_or(0);
+        }
+    }
+    return spent;
+}
+
 } // namespace quorlin

@@ -33,4 +33,7 @@ WorkflowValueMap fallbackNewsBriefing(const WorkflowValueMap& context, const Flo
 // expected to have one priced LLM step.
 double llmCostUSD(const StepOutputs& stepOutputs);
 
+// What a run's steps have cost so far, for a budget: every "llm_cost_usd" summed.
+double llmSpendUSD(const StepOutputs& stepOutputs);
+
 } // namespace quorlin

@@ -2,6 +2,7 @@
 
 #include "core/definitions/BlockReference.h"
 #include "core/definitions/WorkflowLoader.h"
+#include "core/execution/LLMBudget.h"
 #include "core/execution/LLMOutput.h"
 #include "core/execution/LLMPrompt.h"
 #include "core/execution/LLMRoute.h"
@@ -178,6 +179,16 @@ ScriptBlockInputEnvelope fallbackEnvelope(const StepContext& context, const Plan
     return envelope;
 }
 
+// The recorded runs' spend this month and what this run's earlier LLM steps cost. Asked
+// only when a budget is set, so a run without one never reads the audit log.
+double spentThisMonth(const StepContext& context) {
+    if (context.request.clientProfile.clientProfile.monthlyLLMBudgetUSD <= 0) {
+        return 0;
+    }
+    const auto& recorded = context.request.recordedLLMSpendThisMonthUSD;
+    return (recorded ? recorded() : 0) + llmSpendUSD(context.log.stepOutputs);
+}
+
 } // namespace
 
 LLMGenerateStructuredStepHandler::LLMGenerateStructuredStepHandler(
@@ -190,7 +201,7 @@ GenericScriptStepRunResult LLMGenerateStructuredStepHandler::run(const StepConte
     const Plan plan = planFor(context);
     Answer answer;
     try {
-        answer = generate(plan, context.request);
+        answer = generate(plan, context);
     } catch (const std::exception& error) {
         // A stopped run stops here; falling back would only keep it going.
         if (context.request.stopToken.stop_requested()) {
@@ -202,8 +213,8 @@ GenericScriptStepRunResult LLMGenerateStructuredStepHandler::run(const StepConte
 }
 
 LLMGenerateStructuredStepHandler::Answer
-LLMGenerateStructuredStepHandler::generate(const Plan& plan,
-                                           const WorkflowRunRequest& request) const {
+LLMGenerateStructuredStepHandler::generate(const Plan& plan, const StepContext& context) const {
+    const WorkflowRunRequest& request = context.request;
     const std::string route = trimmed(plan.route);
     if (route.empty()) {
         notConfigured("LLM route is empty");
@@ -223,6 +234,7 @@ LLMGenerateStructuredStepHandler::generate(const Plan& plan,
         if (key.empty()) {
             notConfigured("Anthropic API key is empty");
         }
+        checkMonthlyLLMBudget(request.clientProfile.clientProfile.monthlyLLMBudgetUSD, spentThisMonth(context));
         const AnthropicPrompt prompt{std::move(*model), plan.systemPrompt, plan.prompt,
                                      plan.maxTokens, plan.timeoutSeconds};
         auto reply = anthropicClient_->generateJSON(key, prompt, request.stopToken);

@@ -13,7 +13,8 @@ namespace quorlin {
 // object and shapes it into the step's outputs, with the call's cost. When the call fails
 // or no provider is set up, the step's fallback strategy (a bundled script or a
 // rule-based news summary) gives the outputs instead, so a scheduled run still yields
-// something. The Ollama address is the run's settings', read on each call.
+// something. The Ollama address is the run's settings', read on each call. A paid call is
+// refused, like a failed one, once the client profile's monthly budget is spent.
 class LLMGenerateStructuredStepHandler final : public StepHandler {
 public:
     LLMGenerateStructuredStepHandler(std::shared_ptr<const AnthropicClient> anthropicClient,
@@ -24,7 +25,7 @@ public:
     struct Answer;
 
 private:
-    Answer generate(const Plan& plan, const WorkflowRunRequest& request) const;
+    Answer generate(const Plan& plan, const StepContext& context) const;
     Answer fallback(const StepContext& context, const Plan& plan,
                     const std::exception& error) const;
     Answer runFallbackScript(const StepContext& context, const Plan& plan,

@@ -35,7 +35,7 @@ void removeStagingDirectory(const PreparedApprovalWorkflowRun& prepared) {
 } // namespace
 
 RunCoordinator::RunCoordinator(std::shared_ptr<GenericScriptWorkflowRunning> service,
-                               std::shared_ptr<AuditLogWriting> auditStore, WorkflowLoader loader,
+                               std::shared_ptr<RunAuditLog> auditStore, WorkflowLoader loader,
                                MainExecutor& mainExecutor)
     : service_(std::move(service)), auditStore_(std::move(auditStore)), loader_(std::move(loader)),
       mainExecutor_(mainExecutor) {}

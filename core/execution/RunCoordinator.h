@@ -35,7 +35,7 @@ public:
     using EventHandler = std::function<void(const RunEvent&)>;
 
     RunCoordinator(std::shared_ptr<GenericScriptWorkflowRunning> service,
-                   std::shared_ptr<AuditLogWriting> auditStore, WorkflowLoader loader,
+                   std::shared_ptr<RunAuditLog> auditStore, WorkflowLoader loader,
                    MainExecutor& mainExecutor);
     ~RunCoordinator();
     RunCoordinator(const RunCoordinator&) = delete;
@@ -81,7 +81,7 @@ private:
     // What a worker is handed; it touches nothing else.
     struct RunJob {
         std::shared_ptr<GenericScriptWorkflowRunning> service;
-        std::shared_ptr<AuditLogWriting> auditStore;
+        std::shared_ptr<RunAuditLog> auditStore;
         WorkflowRunRequest request;
         std::string flowID;
         std::string trigger;
@@ -127,7 +127,7 @@ private:
     bool isTracked(const std::string& flowID, std::uint64_t taskID) const;
 
     std::shared_ptr<GenericScriptWorkflowRunning> service_;
-    std::shared_ptr<AuditLogWriting> auditStore_;
+    std::shared_ptr<RunAuditLog> auditStore_;
     WorkflowLoader loader_;
     MainExecutor& mainExecutor_;
     // Posted tasks hold it weakly, so a task that outlives the coordinator does nothing.

@@ -5,12 +5,16 @@
 #include "core/execution/RunResults.h"
 #include "core/execution/RunSessionBuilder.h"
 #include "core/foundation/Cancellation.h"
+#include "core/foundation/LocalTime.h"
+
+#include <chrono>
+#include <tuple>
 
 namespace quorlin {
 
 namespace {
 
-void appendOrSayWhich(AuditLogWriting& store, const AuditRun& run) {
+void appendOrSayWhich(RunAuditLog& store, const AuditRun& run) {
     try {
         store.append(run);
     } catch (const std::exception& error) {
@@ -63,6 +67,12 @@ RunCoordinator::RunJob RunCoordinator::makeJob(const std::string& flowID, std::u
     job.request.clientProfile = context.clientProfile;
     job.request.environmentOverrides = context.environmentOverrides;
     job.request.scriptErrorOutput = context.scriptErrorOutput;
+    job.request.recordedLLMSpendThisMonthUSD = [store = auditStore_] {
+        AuditRunQuery thisMonth;
+        std::tie(thisMonth.since, thisMonth.until) =
+            localMonthBounds(std::chrono::system_clock::now());
+        return store->llmSpendUSD(thisMonth);
+    };
     // The driver calls this on the main thread.
     job.request.progress = [this, alive = std::weak_ptr<int>(alive_), flowID,
                             taskID](const GenericScriptWorkflowProgress& progress) {

@@ -155,6 +155,19 @@ std::string formatLocalIso8601(SystemTime time) {
     return text;
 }
 
+std::pair<SystemTime, SystemTime> localMonthBounds(SystemTime time) {
+    const std::tm now = calendarParts(time, true);
+    const auto monthStart = [&](int monthsAhead) {
+        std::tm parts{};
+        parts.tm_year = now.tm_year;
+        parts.tm_mon = now.tm_mon + monthsAhead; // mktime carries December into January
+        parts.tm_mday = 1;
+        parts.tm_isdst = -1;
+        return std::chrono::system_clock::from_time_t(std::mktime(&parts));
+    };
+    return {monthStart(0), monthStart(1)};
+}
+
 double secondsBetween(SystemTime start, SystemTime end) {
     return std::chrono::duration<double>(end - start).count();
 }

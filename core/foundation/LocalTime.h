@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace quorlin {
 
@@ -25,6 +26,9 @@ std::optional<SystemTime> parseLocalMinute(std::string_view text);
 
 // ISO 8601 in local time with its offset from UTC ("2024-05-01T09:00:00+02:00").
 std::string formatLocalIso8601(SystemTime time);
+
+// The first moment of the local calendar month that holds time, and of the month after.
+std::pair<SystemTime, SystemTime> localMonthBounds(SystemTime time);
 
 // Seconds between two moments, as the engine reports durations.
 double secondsBetween(SystemTime start, SystemTime end);

@@ -131,6 +131,20 @@ std::vector<AuditGroupTotals> AuditLogStore::totalsByMonth(const AuditRunQuery& 
     return groupTotals(database, filter, "substr(timestamp, 1, 7)", "DESC");
 }
 
+double AuditLogStore::llmSpendUSD(const AuditRunQuery& query) const {
+    const AuditRunFilter filter(query);
+    auto database = openForReading();
+    // The LIKE spares json_valid and json_extract on the records of steps that cost nothing.
+    auto summed = database.prepare(
+        "SELECT COALESCE(SUM(CAST(json_extract(output_json, '$.llm_cost_usd') AS REAL)), 0.0) "
+        "FROM audit_step_records WHERE output_json LIKE '%\"llm_cost_usd\"%' "
+        "AND json_valid(output_json) AND run_id IN (SELECT id FROM audit_runs " +
+        filter.sql() + ");");
+    filter.bind(summed);
+    summed.step();
+    return summed.real(0);
+}
+
 void AuditLogStore::checkWritable() const {
     try {
         prepareAuditDatabase(databasePath_);

@@ -14,11 +14,13 @@ namespace quorlin {
 
 class AppSupportPaths;
 
-// How the run coordinator records a finished run, so a test can hand it something else.
-class AuditLogWriting {
+// What the run coordinator needs of the audit log: a place to record a finished run, and
+// the LLM spend of past runs that a monthly budget is held against.
+class RunAuditLog {
 public:
-    virtual ~AuditLogWriting() = default;
+    virtual ~RunAuditLog() = default;
     virtual void append(const AuditRun& run) = 0;
+    virtual double llmSpendUSD(const AuditRunQuery& query) const = 0;
 };
 
 // The audit history in the SQLite database quorlin.sqlite. The only code that touches
@@ -41,7 +43,7 @@ public:
 //
 // Other failures throw AuditLogStoreError, except a folder that can't be created
 // (FileError). A failed call leaves the previous content.
-class AuditLogStore final : public AuditLogWriting {
+class AuditLogStore final : public RunAuditLog {
 public:
     // quorlin.sqlite and audit-log.json in the data root.
     explicit AuditLogStore(const AppSupportPaths& paths);
@@ -78,6 +80,11 @@ public:
     // time as the timestamp is, newest month first (limit and offset don't apply). Only
     // months with a matching run appear.
     std::vector<AuditGroupTotals> totalsByMonth(const AuditRunQuery& query) const;
+
+    // The sum of "llm_cost_usd" in the step records' outputs of the matching runs (limit
+    // and offset don't apply): what the LLM steps cost, also for the runs whose own row
+    // records no cost. A record whose output isn't JSON adds nothing.
+    double llmSpendUSD(const AuditRunQuery& query) const override;
 
     // Throws AuditLogStoreError (notWritable) when the database can't be written now (a
     // folder or file that can't be made or opened, a read-only file, a lock held past the

@@ -457,6 +457,46 @@ TEST_F(LLMStepRunTest, StoppedRunEndsTheCallAtOnceWithoutFallingBack) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
 }
 
+TEST_F(LLMStepRunTest, ASpentMonthlyBudgetHoldsBackPaidCallsOnly) {
+    const std::string secondAsk = "    - id: again\n      name: Again\n"
+                                  "      type: llm-generate-structured\n"
+                                  "      config:\n        prompt_template: prompts/ask.md\n";
+    const struct {
+        std::string name;
+        std::int64_t budget;
+        double recorded;
+        std::string route;
+        std::string moreSteps;
+        std::size_t paidCalls;
+        std::string failure;
+    } cases[] = {
+        {"no budget", 0, 1000, "claude-sonnet", "", 1, "<no failure>"},
+        {"under it", 5, 4.99, "claude-sonnet", "", 1, "<no failure>"},
+        {"reached", 5, 5, "claude-sonnet", "", 0,
+         "Monthly LLM budget of $5 reached ($5.00 spent this month)."},
+        {"local model", 5, 7, "ollama:qwen2.5:7b", "", 0, "<no failure>"},
+        {"reached by this run", 5, 5 - fakeReplyCost / 2, "claude-sonnet", secondAsk, 1,
+         "Monthly LLM budget of $5 reached ($5.00 spent this month)."},
+    };
+    for (const auto& c : cases) {
+        writeFlow({"prompt_template: prompts/ask.md"}, c.moreSteps);
+        request.clientProfile.clientProfile.llmRouting = LLMRouting(c.route, c.route);
+        request.clientProfile.clientProfile.monthlyLLMBudgetUSD = c.budget;
+        request.recordedLLMSpendThisMonthUSD = [recorded = c.recorded] { return recorded; };
+        anthropic.replyWithText("{}");
+        anthropic.replyWithText("{}");
+        const auto before = anthropic.requests().size();
+        EXPECT_EQ(failureText(), c.failure) << c.name;
+        EXPECT_EQ(anthropic.requests().size() - before, c.paidCalls) << c.name;
+    }
+
+    // Like any failed call, a refused one falls back where the step allows it.
+    request.recordedLLMSpendThisMonthUSD = [] { return 5.0; };
+    writeFlow({"prompt_template: prompts/ask.md", "fallback_strategy: news_briefing_summary"});
+    EXPECT_THAT(stepOutput()["executive_summary"].get<std::string>(),
+                HasSubstr("Reason: Monthly LLM budget of $5 reached ($5.00 spent this month)."));
+}
+
 TEST_F(LLMStepRunTest, TheCostReachesTheRunAtItsGate) {
     writeFlow({"prompt_template: prompts/ask.md"},
               "    - id: gate\n      name: Gate\n      type: batch-approval\n");

@@ -73,7 +73,7 @@ protected:
         coordinator = makeCoordinator(audit);
     }
 
-    std::unique_ptr<RunCoordinator> makeCoordinator(std::shared_ptr<AuditLogWriting> store) {
+    std::unique_ptr<RunCoordinator> makeCoordinator(std::shared_ptr<RunAuditLog> store) {
         return std::make_unique<RunCoordinator>(service, std::move(store),
                                                 WorkflowLoader(fixture.locator()), mainExecutor);
     }

@@ -93,6 +93,25 @@ TEST(LocalTime, LocalMinutesReadBackWithTheirOffset) {
     }
 }
 
+TEST(LocalTime, MonthBoundsFollowTheLocalCalendar) {
+    const CentralEuropeanTime zone;
+    const struct {
+        const char* moment;
+        const char* start;
+        const char* end;
+    } cases[] = {
+        {"2024-03-31T23:59:00+02:00", "2024-03-01T00:00:00+01:00", "2024-04-01T00:00:00+02:00"},
+        {"2024-12-31T23:30:00Z", "2025-01-01T00:00:00+01:00", "2025-02-01T00:00:00+01:00"},
+        {"2024-12-15T12:00:00Z", "2024-12-01T00:00:00+01:00", "2025-01-01T00:00:00+01:00"},
+        {"2024-02-29T00:00:00+01:00", "2024-02-01T00:00:00+01:00", "2024-03-01T00:00:00+01:00"},
+    };
+    for (const auto& [moment, start, end] : cases) {
+        const auto [first, next] = localMonthBounds(*parseIso8601(moment));
+        EXPECT_EQ(formatLocalIso8601(first), start) << moment;
+        EXPECT_EQ(formatLocalIso8601(next), end) << moment;
+    }
+}
+
 TEST(AtomicFile, ReplacesContentAndLeavesNoTemporaryFile) {
     testing::TemporaryDirectory directory;
     const auto file = directory.path() / "settings.json";

@@ -4,6 +4,7 @@
 #include "core/definitions/DecodingError.h"
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/Json.h"
+#include "core/foundation/LocalTime.h"
 #include "core/stores/AuditRunJson.h"
 #include "tests/stores/SqliteTestSupport.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -15,6 +16,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -987,6 +989,33 @@ TEST_F(AuditLogStoreTest, ADatabaseOfThePreviousVersionGainsTotalsAndIndexesKeep
     expectTotals(audit.totals(query), summed({runs[0], runs[2], runs[4]}));
     audit.append(runWorth("even", 100, 2));
     expectTotalsOfHistory(audit);
+}
+
+// The budget's account: the costs the step records carry, not the run rows' own.
+TEST_F(AuditLogStoreTest, LLMSpendAddsUpTheStepRecordsOfTheMatchingRuns) {
+    const LocalZone zone{"XST-5:30"};
+    auto audit = store();
+    const auto runAt = [&](const char* timestamp,
+                           const std::vector<std::optional<std::string>>& outputs) {
+        AuditRun run = sampleRun("flow", outputs.size());
+        run.timestamp = timestamp;
+        run.llmCostUSD = 100;
+        for (std::size_t step = 0; step < outputs.size(); ++step) {
+            run.stepRecords[step].outputJSON = outputs[step];
+        }
+        audit.append(run);
+    };
+    runAt("2024-02-29 23:59", {R"({"llm_cost_usd": 1.5})"});
+    runAt("2024-03-01 00:00", {R"({"llm_cost_usd": 0.25})", R"({"llm_cost_usd": "0.5"})"});
+    runAt("2024-03-31 23:59", {R"({"llm_cost_usd": 2})", R"({"llm_cost_usd": 1)", std::nullopt,
+                               R"({"inner": {"llm_cost_usd": 9}})", R"({"llm_cost_usd": "n/a"})"});
+    runAt("2024-04-01 00:00", {R"({"llm_cost_usd": 4})"});
+
+    AuditRunQuery march;
+    std::tie(march.since, march.until) = localMonthBounds(localTime(2024, 3, 15, 12, 0));
+    EXPECT_DOUBLE_EQ(audit.llmSpendUSD(march), 2.75);
+    EXPECT_DOUBLE_EQ(audit.llmSpendUSD({}), 8.25);
+    EXPECT_DOUBLE_EQ(audit.llmSpendUSD(queryWith([](auto& q) { q.flowID = "other"; })), 0);
 }
 
 } // namespace
