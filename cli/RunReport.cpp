@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <sstream>
 
 namespace quorlin::cli {
@@ -122,17 +123,31 @@ std::vector<std::string> deliveredFiles(const AuditRun& record) {
     return {};
 }
 
+namespace {
+
+// The last line of a result of several lines, when it is a JSON object: the output of the
+// run's last step, as a one-step run would have printed it alone.
+std::optional<std::string> lastStepOutput(const std::string& result) {
+    const auto end = result.find_last_not_of("\r\n");
+    const auto start = end == std::string::npos ? std::string::npos : result.rfind('\n', end);
+    if (start == std::string::npos) {
+        return std::nullopt;
+    }
+    auto last = result.substr(start + 1, end - start);
+    if (!parseJsonOrDiscarded(last).is_object()) {
+        return std::nullopt;
+    }
+    return last;
+}
+
+} // namespace
+
 std::string oneLineSummary(const std::string& summary) {
     std::string text = summary;
-    const auto end = summary.find_last_not_of("\r\n");
-    const auto start = end == std::string::npos ? std::string::npos : summary.rfind('\n', end);
-    if (start != std::string::npos) {
-        const auto last = summary.substr(start + 1, end - start);
-        if (parseJsonOrDiscarded(last).is_object()) {
-            text = GenericScriptOutputSummarizer::summary(last);
-            if (text == "Run complete") {
-                return "";
-            }
+    if (const auto last = lastStepOutput(summary)) {
+        text = GenericScriptOutputSummarizer::summary(*last);
+        if (text == "Run complete") {
+            return "";
         }
     }
     for (char& c : text) {
@@ -194,8 +209,9 @@ std::string reportText(const RunReport& report, bool terminal) {
     text += report.outcome == RunReport::Outcome::rejected ? "Rejected" : "Succeeded";
     text += duration + (summary.empty() ? "" : ": " + summary) + "\n";
     if (session && !session->resultOutput.empty()) {
-        const auto result =
-            terminal ? readableResult(session->resultOutput) : session->resultOutput + "\n";
+        // What the earlier steps handed on stays in the run's record (history show).
+        const auto output = lastStepOutput(session->resultOutput).value_or(session->resultOutput);
+        const auto result = terminal ? readableResult(output) : output + "\n";
         // A plain-text result is usually the summary itself; it isn't said twice.
         if (result != summary + "\n") {
             text += "\n" + result + "\n";

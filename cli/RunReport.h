@@ -42,7 +42,8 @@ std::string readableResult(const std::string& output);
 // The whole report as one JSON object, for --json.
 nlohmann::json reportJson(const RunReport& report);
 
-// The words for people: the status line, the result, the folder and files, and where it
+// The words for people: the status line, the result (the last step's output, when each
+// step printed a JSON line), the folder and files, and where it
 // was recorded. terminal: stdout is a terminal, so JSON results are shown as key: value.
 std::string reportText(const RunReport& report, bool terminal);
 

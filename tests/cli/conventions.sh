@@ -94,11 +94,13 @@ check in-place-recorded 0 out "cli-two-steps" -- history --flow cli-two-steps
 check approve-in-place 0 out "Filed 2026-11 Acme invoice.pdf" -- run "$data/approval-demo" --approve all
 check not-a-bundle 2 err "no flow.yaml in $flows" -- run "$flows"
 
-# On a terminal a JSON result reads as key: value lines; history keeps summaries short.
+# On a terminal a JSON result reads as key: value lines, the last step's alone; history
+# keeps summaries short.
 case_name=readable-result
 out=$(script -qec "$quorlin run $flows/two-steps" /dev/null 2>&1) err=
-grep -qF "things: a, b, c" <<<"$out" || problem "no key: value lines on a terminal"
-grep -qF '"count": 3' <<<"$out" && problem "raw JSON on a terminal"
+grep -qF "summary: Counted 3 things" <<<"$out" || problem "no key: value lines on a terminal"
+grep -qF '"summary": ' <<<"$out" && problem "raw JSON on a terminal"
+grep -qF "things:" <<<"$out" && problem "an earlier step's output shown as the result"
 run_quorlin history --flow cli-two-steps --limit 1
 case_name=short-summary
 line=$(sed -n 2p <<<"$out")
