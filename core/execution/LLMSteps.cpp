@@ -234,7 +234,8 @@ LLMGenerateStructuredStepHandler::generate(const Plan& plan, const StepContext& 
         if (key.empty()) {
             notConfigured("Anthropic API key is empty");
         }
-        checkMonthlyLLMBudget(request.clientProfile.clientProfile.monthlyLLMBudgetUSD, spentThisMonth(context));
+        checkMonthlyLLMBudget(request.clientProfile.clientProfile.monthlyLLMBudgetUSD,
+                              spentThisMonth(context));
         const AnthropicPrompt prompt{std::move(*model), plan.systemPrompt, plan.prompt,
                                      plan.maxTokens, plan.timeoutSeconds};
         auto reply = anthropicClient_->generateJSON(key, prompt, request.stopToken);
