@@ -1,4 +1,5 @@
 #include "cli/Commands.h"
+#include "cli/RuntimesCommand.h"
 
 namespace quorlin::cli {
 
@@ -135,6 +136,32 @@ std::vector<CommandSpec> makeTable() {
          1,
          "dirs",
          packCommand},
+        {"runtimes status",
+         "",
+         "Show which Python and Node interpreters scripts run on, in the order tried.",
+         "Scripts run on the Quorlin-managed build under the data root when it is\n"
+         "installed (quorlin runtimes install), else on the launcher installed beside\n"
+         "quorlin (quorlin-python, quorlin-node), which runs the system's interpreter.",
+         {json},
+         0,
+         0,
+         "",
+         runtimesStatusCommand},
+        {"runtimes install",
+         "<python | node>",
+         "Download and install the Quorlin-managed Python or Node build.",
+         "The archive is checked against the publisher's SHA-256 list (or the checksum a\n"
+         "catalogue file gives, see QUORLIN_RUNTIME_CATALOG) before it is unpacked, and\n"
+         "only a complete, verified build is put in place: a failed or interrupted\n"
+         "install leaves the managed runtimes as they were. Progress goes to stderr.\n"
+         "\n"
+         "Exit status: 0 installed or already there, 1 the install failed, 2 the command\n"
+         "line is wrong, 130 interrupted.",
+         {},
+         1,
+         1,
+         "python node",
+         runtimesInstallCommand},
         {"profile",
          "",
          "Print the client profile, creating it from the default when missing.",

@@ -2,7 +2,7 @@
 
 #include "core/foundation/ChildProcess.h"
 #include "core/foundation/Text.h"
-#include "core/runtimes/ManagedRuntimeCatalog.h"
+#include "core/runtimes/InterpreterLocator.h"
 
 #include <chrono>
 #include <system_error>
@@ -71,21 +71,8 @@ std::filesystem::path DefaultScriptRunner::scriptPath(const ScriptInvocation& in
 std::filesystem::path DefaultScriptRunner::defaultRuntimePath(ScriptRuntime runtime,
                                                               const QuorlinResources& resources,
                                                               const AppSupportPaths& paths) {
-    const auto descriptor = managedRuntimeDescriptor(runtime);
-    try {
-        if (auto managed = findInManagedRuntime(paths, descriptor, descriptor.executableSuffixes)) {
-            return *managed;
-        }
-    } catch (const std::exception&) {
-        // A data root we cannot create holds no runtime; the bundled launcher may still do.
-    }
-    if (resources.executableDirectory) {
-        auto launcher = *resources.executableDirectory /
-                        (runtime == ScriptRuntime::python ? "quorlin-python" : "quorlin-node");
-        std::error_code error;
-        if (std::filesystem::exists(launcher, error)) {
-            return launcher;
-        }
+    if (auto interpreter = chosenInterpreter(runtime, resources, paths)) {
+        return std::move(*interpreter);
     }
     throw ScriptRunnerError::runtimeNotFound(runtime);
 }

@@ -18,15 +18,27 @@ namespace {
 
 using namespace archive_support;
 
-ArchiveHandle openZipReader(const std::filesystem::path& file) {
+enum class ArchiveFormat { zip, tar };
+
+ArchiveHandle openReader(const std::filesystem::path& file, ArchiveFormat format) {
     ArchiveHandle reader(archive_read_new());
-    if (!reader || archive_read_support_format_zip(reader.get()) != ARCHIVE_OK) {
-        throw ArchiveError(ArchiveError::Kind::readFailed, file, "out of memory");
+    const bool ready =
+        reader && (format == ArchiveFormat::zip
+                       ? archive_read_support_format_zip(reader.get()) == ARCHIVE_OK
+                       : archive_read_support_format_tar(reader.get()) == ARCHIVE_OK &&
+                             archive_read_support_filter_all(reader.get()) >= ARCHIVE_WARN);
+    if (!ready) {
+        throw ArchiveError(ArchiveError::Kind::readFailed, file,
+                           reader ? errorText(reader.get()) : "out of memory");
     }
     if (archive_read_open_filename(reader.get(), file.c_str(), 64 * 1024) != ARCHIVE_OK) {
         throw ArchiveError(ArchiveError::Kind::readFailed, file, errorText(reader.get()));
     }
     return reader;
+}
+
+ArchiveHandle openZipReader(const std::filesystem::path& file) {
+    return openReader(file, ArchiveFormat::zip);
 }
 
 // Steps to the next header; false at the end of the archive.
@@ -85,6 +97,30 @@ std::optional<std::string> containedName(std::string name) {
     return name;
 }
 
+// Whether a symbolic link named name, pointing at target, stays inside the tree it is
+// unpacked into, judged by the words alone: not absolute, and never climbing above the
+// top with "..".
+bool linkStaysInside(const std::string& name, std::string_view target) {
+    if (target.empty() || target.front() == '/') {
+        return false;
+    }
+    std::size_t depth = std::count(name.begin(), name.end(), '/'); // the link's folder
+    for (std::size_t start = 0; start <= target.size();) {
+        const std::size_t slash = std::min(target.find('/', start), target.size());
+        const auto part = target.substr(start, slash - start);
+        if (part == "..") {
+            if (depth == 0) {
+                return false;
+            }
+            --depth;
+        } else if (!part.empty() && part != ".") {
+            ++depth;
+        }
+        start = slash + 1;
+    }
+    return true;
+}
+
 constexpr const char* disagreement = "its central directory and its entries disagree";
 
 std::vector<ArchiveEntryInfo> readEntries(const std::filesystem::path& archive,
@@ -111,12 +147,12 @@ std::vector<ArchiveEntryInfo> readEntries(const std::filesystem::path& archive,
     return entries;
 }
 
-class ZipExtraction {
+class Extraction {
 public:
-    ZipExtraction(const std::filesystem::path& archive, const std::filesystem::path& destination,
-                  const ArchiveLimits& limits)
-        : file_(archive), reader_(openZipReader(archive)), writer_(archive_write_disk_new()),
-          limits_(limits) {
+    Extraction(const std::filesystem::path& archive, const std::filesystem::path& destination,
+               ArchiveFormat format, const ArchiveLimits& limits)
+        : file_(archive), format_(format), reader_(openReader(archive, format)),
+          writer_(archive_write_disk_new()), limits_(limits) {
         std::error_code error;
         destination_ = std::filesystem::canonical(destination, error);
         if (error || !writer_) {
@@ -146,6 +182,9 @@ public:
         if (archive_write_close(writer_.get()) != ARCHIVE_OK) {
             fail(ArchiveError::Kind::writeFailed, errorText(writer_.get()), destination_);
         }
+        if (format_ == ArchiveFormat::tar) {
+            checkLinksLeadInside();
+        }
     }
 
 private:
@@ -160,12 +199,21 @@ private:
             fail(ArchiveError::Kind::unsafeEntry, name);
         }
         const auto type = entryType(entry);
-        if (type == ArchiveEntryInfo::Type::other) {
+        if (format_ == ArchiveFormat::tar && archive_entry_hardlink(entry) != nullptr) {
+            linkToEarlierEntry(entry, name);
+        } else if (type == ArchiveEntryInfo::Type::other) {
             fail(ArchiveError::Kind::unsupportedEntry, name);
         }
         archive_entry_copy_pathname(entry, (destination_ / *contained).c_str());
         if (type == ArchiveEntryInfo::Type::symlink) {
-            if (const char* target = archive_entry_symlink_utf8(entry)) {
+            const char* target = archive_entry_symlink_utf8(entry);
+            if (format_ == ArchiveFormat::tar) {
+                if (target == nullptr || !linkStaysInside(*contained, target)) {
+                    fail(ArchiveError::Kind::unsafeEntry, name + " -> " + (target ? target : ""));
+                }
+                links_.push_back(*contained);
+            }
+            if (target != nullptr) {
                 archive_entry_copy_symlink(entry, target);
             }
         }
@@ -184,6 +232,28 @@ private:
         if (archive_write_finish_entry(writer_.get()) < ARCHIVE_WARN) {
             fail(ArchiveError::Kind::writeFailed, name + ": " + errorText(writer_.get()),
                  destination_);
+        }
+    }
+
+    // A tar's hard link names an entry unpacked before it; anything else is refused.
+    void linkToEarlierEntry(archive_entry* entry, const std::string& name) {
+        const auto target = containedName(archive_entry_hardlink(entry));
+        if (!target || !seen_.contains(*target)) {
+            fail(ArchiveError::Kind::unsafeEntry, name + " => " + archive_entry_hardlink(entry));
+        }
+        archive_entry_copy_hardlink(entry, (destination_ / *target).c_str());
+    }
+
+    // The words of each link stayed inside, but a link may lead through another; so once
+    // all are on disk, each is followed to where it really ends.
+    void checkLinksLeadInside() const {
+        const std::string top = destination_.string() + "/";
+        for (const auto& link : links_) {
+            std::error_code error;
+            const auto resolved = std::filesystem::weakly_canonical(destination_ / link, error);
+            if (error || !resolved.string().starts_with(top)) {
+                fail(ArchiveError::Kind::unsafeEntry, link + " leads out of the archive");
+            }
         }
     }
 
@@ -212,10 +282,12 @@ private:
 
     std::filesystem::path file_;
     std::filesystem::path destination_;
+    ArchiveFormat format_;
     ArchiveHandle reader_;
     ArchiveHandle writer_;
     ArchiveLimits limits_;
     std::set<std::string> seen_;
+    std::vector<std::string> links_;
     std::size_t entries_ = 0;
     std::uint64_t bytes_ = 0;
 };
@@ -253,7 +325,13 @@ std::vector<ArchiveEntryInfo> listZipEntries(const std::filesystem::path& archiv
 void extractZip(const std::filesystem::path& archive, const std::filesystem::path& destination,
                 const ArchiveLimits& limits, const std::function<bool(std::string_view)>& skip) {
     const Utf8LocaleScope utf8;
-    ZipExtraction(archive, destination, limits).run(skip);
+    Extraction(archive, destination, ArchiveFormat::zip, limits).run(skip);
+}
+
+void extractTar(const std::filesystem::path& archive, const std::filesystem::path& destination,
+                const ArchiveLimits& limits) {
+    const Utf8LocaleScope utf8;
+    Extraction(archive, destination, ArchiveFormat::tar, limits).run({});
 }
 
 } // namespace quorlin

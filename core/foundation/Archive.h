@@ -42,6 +42,15 @@ void extractZip(const std::filesystem::path& archive, const std::filesystem::pat
                 const ArchiveLimits& limits = {},
                 const std::function<bool(std::string_view name)>& skip = {});
 
+// Unpacks a tar archive, compressed or not (gzip, xz, zstd, bzip2: told by its content),
+// into an existing destination directory, by the rules of extractZip and two more, since
+// a tar may hold links: a symbolic link must lead to a place inside the destination (its
+// target neither absolute nor climbing out with "..", and still inside once every link is
+// on disk), and a hard link must name an entry unpacked before it. A refused archive may
+// leave part of itself unpacked: callers unpack into a staging folder they remove.
+void extractTar(const std::filesystem::path& archive, const std::filesystem::path& destination,
+                const ArchiveLimits& limits = {});
+
 // One entry of a zip to write: the name it gets in the archive and the file, directory or
 // symbolic link (stored as a link) on disk that it is made from.
 struct ZipEntrySource {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/foundation/HttpDownload.h"
 #include "core/foundation/HttpTransport.h"
 
 #include <cstddef>
@@ -22,7 +23,7 @@ inline constexpr std::size_t defaultHttpRequestLimit = std::size_t{32} << 20U;
 // A stop request wakes the transfer at once and throws HttpError(cancelled); a request
 // whose token is already stopped is not sent. A body larger than requestLimit is refused
 // with HttpError(tooLarge) before any connection is made.
-class CurlHttpClient final : public HttpTransport {
+class CurlHttpClient final : public HttpTransport, public HttpDownloading {
 public:
     explicit CurlHttpClient(std::size_t requestLimit = defaultHttpRequestLimit)
         : requestLimit_(requestLimit) {}
@@ -30,6 +31,9 @@ public:
     // Throws std::invalid_argument for a method that is not an upper-case token or a
     // header holding a line break: those are faults of the caller, not of the exchange.
     HttpResponse send(const HttpRequest& request, const std::stop_token& stopToken) override;
+
+    void download(const HttpDownloadRequest& request, const std::filesystem::path& file,
+                  const std::stop_token& stopToken) override;
 
 private:
     std::size_t requestLimit_;

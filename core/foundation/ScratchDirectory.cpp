@@ -8,15 +8,27 @@
 
 namespace quorlin {
 
-ScratchDirectory::ScratchDirectory(std::string_view prefix) {
+namespace {
+
+std::filesystem::path systemTemporaryDirectory() {
     std::error_code error;
-    const auto base = std::filesystem::temp_directory_path(error);
+    auto base = std::filesystem::temp_directory_path(error);
     if (error) {
         throw FileError(FileError::Kind::createDirectoryFailed, "temporary directory",
                         error.message());
     }
-    path_ = base / (std::string(prefix) + Uuid::random().uppercaseString());
+    return base;
+}
+
+} // namespace
+
+ScratchDirectory::ScratchDirectory(std::string_view prefix)
+    : ScratchDirectory(systemTemporaryDirectory(), prefix) {}
+
+ScratchDirectory::ScratchDirectory(const std::filesystem::path& parent, std::string_view prefix)
+    : path_(parent / (std::string(prefix) + Uuid::random().uppercaseString())) {
     createDirectories(path_);
+    std::error_code error;
     std::filesystem::permissions(path_, std::filesystem::perms::owner_all, error);
     if (error) {
         const std::string reason = error.message();

@@ -12,6 +12,9 @@ class ScratchDirectory {
 public:
     // Throws FileError when the directory can't be created.
     explicit ScratchDirectory(std::string_view prefix);
+    // <parent>/<prefix><UUID> instead, for work whose result is renamed into parent and
+    // so must be on the same file system.
+    ScratchDirectory(const std::filesystem::path& parent, std::string_view prefix);
     ~ScratchDirectory();
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;

@@ -1,6 +1,7 @@
 #include "AnthropicClient.h"
 
 #include "core/foundation/HttpError.h"
+#include "core/foundation/ServiceAddress.h"
 #include "core/foundation/Text.h"
 #include "core/services/AnthropicClientError.h"
 #include "core/services/LLMJsonReply.h"
@@ -105,20 +106,14 @@ WorkflowValueMap decodedObject(const std::string& text) {
 } // namespace
 
 std::string anthropicBaseURLFromEnvironment() {
-    const char* value = std::getenv("QUORLIN_ANTHROPIC_BASE_URL");
-    const std::string text = value != nullptr ? trimmed(value) : std::string();
-    return text.empty() ? std::string(defaultAnthropicBaseURL) : text;
+    return baseURLFromEnvironment("QUORLIN_ANTHROPIC_BASE_URL", defaultAnthropicBaseURL);
 }
 
 AnthropicClient::AnthropicClient(std::string baseURL, std::shared_ptr<HttpTransport> transport)
     : baseURL_(std::move(baseURL)), transport_(std::move(transport)) {}
 
 std::string AnthropicClient::url(std::string_view path) const {
-    std::string_view base = baseURL_;
-    while (base.ends_with('/')) {
-        base.remove_suffix(1);
-    }
-    return std::string(base) + std::string(path);
+    return joinedURL(baseURL_, path);
 }
 
 void AnthropicClient::ping(const std::string& apiKey, const std::stop_token& stopToken) const {

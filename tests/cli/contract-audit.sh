@@ -38,6 +38,8 @@ grep -qF "Input file extension .pdf is not allowed for contract_file. Allowed: m
 # With a provider: the fake answers with the review in a code fence, and a million input
 # tokens, so the call costs just over $3.
 coproc FAKES { "$fakes" "$key"; }
+# Kept now: bash forgets the coprocess variables once it has ended.
+fakes_pid=$FAKES_PID
 read -r _ anthropic_url <&"${FAKES[0]}"
 read -r _ _ <&"${FAKES[0]}"
 export QUORLIN_ANTHROPIC_BASE_URL=$anthropic_url
@@ -71,6 +73,6 @@ read -r requests <&"${FAKES[0]}"
 [ "$requests" = 1 ] || fail "a call was made over budget: $requests requests"
 
 exec {FAKES[1]}>&-
-wait "$FAKES_PID"
+wait "$fakes_pid"
 [ "$failures" -eq 0 ] && echo "contract audit: ok"
 exit $((failures > 0))

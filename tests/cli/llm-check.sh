@@ -12,6 +12,8 @@ failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
 coproc FAKES { "$fakes" "$key" qwen2.5:7b llama3.2:3b; }
+# Kept now: bash forgets the coprocess variables once it has ended.
+fakes_pid=$FAKES_PID
 read -r _ anthropic_url <&"${FAKES[0]}"
 read -r _ ollama_url <&"${FAKES[0]}"
 export QUORLIN_ANTHROPIC_BASE_URL=$anthropic_url
@@ -42,6 +44,6 @@ assert not r["anthropic"]["connected"], r' <<<"$out" || fail "the JSON: $out"
 grep -qF "$key" <<<"$out" && fail "the key was printed"
 
 exec {FAKES[1]}>&-
-wait "$FAKES_PID"
+wait "$fakes_pid"
 [ "$failures" -eq 0 ] && echo "llm check: ok"
 exit $((failures > 0))

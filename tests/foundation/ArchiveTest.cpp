@@ -2,6 +2,7 @@
 
 #include "core/foundation/AtomicFile.h"
 #include "core/foundation/Sha256.h"
+#include "tests/support/TarBuilder.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <algorithm>
@@ -173,6 +174,84 @@ TEST(Archive, DamagedArchivesAreErrors) {
         EXPECT_FALSE(fs::exists(directory.path() / "other.txt"));
     }
     EXPECT_GE(refused, 4U) << "the empty, short and truncated files at least";
+}
+
+using Tar = testing::TarEntry::Type;
+
+// A runtime's tar: modes kept so the interpreter stays executable, links kept as links,
+// a hard link made to the entry before it.
+TEST(Archive, UnpacksATarWithItsModesAndLinks) {
+    const TemporaryDirectory directory;
+    const auto tar = directory.path() / "runtime.tar.gz";
+    testing::writeTarGz(tar, {{"python/", Tar::directory, "", 0755},
+                              {"python/bin/", Tar::directory, "", 0755},
+                              {"python/bin/python3.10", Tar::file, "#!/bin/sh\necho 3.10\n", 0755},
+                              {"python/bin/python3", Tar::symlink, "python3.10"},
+                              {"python/lib/libpython.so", Tar::symlink, "../bin/python3.10"},
+                              {"python/bin/python", Tar::hardlink, "python/bin/python3.10"},
+                              {"python/README", Tar::file, "read me", 0600}});
+    const auto out = directory.path() / "out";
+    fs::create_directories(out);
+    extractTar(tar, out);
+    EXPECT_EQ(fs::status(out / "python/bin/python3.10").permissions() & fs::perms::all,
+              fs::perms(0755));
+    EXPECT_EQ(fs::read_symlink(out / "python/bin/python3"), "python3.10");
+    EXPECT_EQ(readFile(out / "python/lib/libpython.so"), "#!/bin/sh\necho 3.10\n");
+    EXPECT_EQ(fs::hard_link_count(out / "python/bin/python"), 2U);
+    EXPECT_EQ(readFile(out / "python/README"), "read me");
+}
+
+TEST(Archive, RefusesTarLinksAndNamesThatLeadOutOfTheTree) {
+    const struct {
+        std::string name;
+        std::vector<testing::TarEntry> entries;
+        std::string words;
+    } cases[] = {
+        {"absolute link", {{"evil", Tar::symlink, "/etc/passwd"}}, "evil -> /etc/passwd"},
+        {"climbing link", {{"a/evil", Tar::symlink, "../../outside"}}, "a/evil -> ../../outside"},
+        {"link through a link",
+         {{"a/b/", Tar::directory, ""},
+          {"a/b/up", Tar::symlink, ".."},
+          {"top", Tar::symlink, "a/b/up/../.."}},
+         "top leads out of the archive"},
+        {"hard link to nothing before it",
+         {{"x", Tar::hardlink, "later"}, {"later", Tar::file, "d"}},
+         "x => later"},
+        {"hard link out", {{"x", Tar::hardlink, "../etc/passwd"}}, "x => ../etc/passwd"},
+        {"climbing name", {{"../escape.txt", Tar::file, "d"}}, "../escape.txt"},
+    };
+    for (const auto& c : cases) {
+        const TemporaryDirectory directory;
+        const auto tar = directory.path() / "bad.tar.gz";
+        testing::writeTarGz(tar, c.entries);
+        const auto out = directory.path() / "out";
+        fs::create_directories(out);
+        try {
+            extractTar(tar, out);
+            ADD_FAILURE() << c.name << ": unpacked";
+        } catch (const ArchiveError& error) {
+            EXPECT_EQ(error.kind(), ArchiveError::Kind::unsafeEntry) << c.name;
+            EXPECT_NE(std::string(error.what()).find(c.words), std::string::npos)
+                << c.name << ": " << error.what();
+        }
+        EXPECT_FALSE(fs::exists(directory.path() / "escape.txt")) << c.name;
+    }
+}
+
+TEST(Archive, ACutOffTarIsAReadError) {
+    const TemporaryDirectory directory;
+    const auto tar = directory.path() / "whole.tar.gz";
+    testing::writeTarGz(tar, {{"big.bin", Tar::file, std::string(200'000, 'z') + "end"}});
+    const std::string bytes = readFile(tar);
+    writeTextFile(tar, bytes.substr(0, bytes.size() / 2));
+    const auto out = directory.path() / "out";
+    fs::create_directories(out);
+    try {
+        extractTar(tar, out);
+        ADD_FAILURE() << "a cut-off archive unpacked";
+    } catch (const ArchiveError& error) {
+        EXPECT_EQ(error.kind(), ArchiveError::Kind::readFailed) << error.what();
+    }
 }
 
 } // namespace

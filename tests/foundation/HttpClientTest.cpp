@@ -1,8 +1,10 @@
 #include "core/foundation/HttpClient.h"
 
+#include "core/foundation/AtomicFile.h"
 #include "core/foundation/HttpError.h"
 #include "tests/support/LoopbackHttpServer.h"
 #include "tests/support/ScopedEnvironment.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -151,6 +153,22 @@ protected:
                     if (offset + piece.size() == total) {
                         sink.done();
                     }
+                    return true;
+                });
+        });
+        routes.Get("/moved", [](const httplib::Request&, httplib::Response& response) {
+            response.set_redirect("/bytes/300000");
+        });
+        // Promises more than it sends, then hangs up: a download cut off halfway.
+        routes.Get("/cut-off", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content_provider(
+                100'000, "application/octet-stream",
+                [](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                    if (offset >= 50'000) {
+                        return false;
+                    }
+                    const std::string piece(50'000, 'c');
+                    sink.write(piece.data(), piece.size());
                     return true;
                 });
         });
@@ -419,6 +437,81 @@ TEST_F(HttpClientTest, StopRequestEndsTheRequestPromptly) {
     post.method = "POST";
     EXPECT_EQ(sendFailure(client_, post, stop.get_token()).kind(), Kind::cancelled);
     EXPECT_TRUE(received().empty());
+}
+
+HttpDownloadRequest download(std::string url) {
+    HttpDownloadRequest request;
+    request.url = std::move(url);
+    return request;
+}
+
+TEST_F(HttpClientTest, DownloadsStreamToTheFileThroughRedirectsWithProgress) {
+    const testing::TemporaryDirectory directory;
+    const auto file = directory.path() / "archive.bin";
+    std::vector<DownloadProgress> progress;
+    auto request = download(url("/moved"));
+    request.progress = [&progress](const DownloadProgress& step) { progress.push_back(step); };
+    client_.download(request, file, {});
+    EXPECT_EQ(readFile(file), std::string(300'000, 'x'));
+    ASSERT_FALSE(progress.empty());
+    EXPECT_EQ(progress.back().receivedBytes, 300'000U);
+    EXPECT_EQ(progress.back().totalBytes, 300'000U);
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end(),
+                               [](auto& a, auto& b) { return a.receivedBytes < b.receivedBytes; }));
+}
+
+TEST_F(HttpClientTest, DownloadFailuresAreHttpErrorsOfTheirKind) {
+    Socket bound;
+    const int silentPort = bound.bindLoopback();
+    const struct {
+        std::string name;
+        HttpDownloadRequest request;
+        Kind kind;
+        std::string textPart;
+    } cases[] = {
+        {"not found", download(url("/status/404?body=no+such+file")), Kind::apiError,
+         "no such file"},
+        {"cut off", download(url("/cut-off")), Kind::transport, "The request to 127.0.0.1"},
+        {"past the bound",
+         [&] {
+             auto request = download(url("/chunked/300000"));
+             request.maxBytes = 100'000;
+             return request;
+         }(),
+         Kind::tooLarge, "100000"},
+        {"nothing listens", download("http://127.0.0.1:" + std::to_string(silentPort) + "/x"),
+         Kind::notReachable, "Could not reach"},
+    };
+    const testing::TemporaryDirectory directory;
+    for (const auto& c : cases) {
+        try {
+            client_.download(c.request, directory.path() / "file", {});
+            ADD_FAILURE() << c.name << ": downloaded";
+        } catch (const HttpError& error) {
+            EXPECT_EQ(error.kind(), c.kind) << c.name << ": " << error.what();
+            EXPECT_NE(std::string(error.what()).find(c.textPart), std::string::npos)
+                << c.name << ": " << error.what();
+        }
+    }
+    EXPECT_THROW(client_.download(download(url("/json")), directory.path() / "no" / "dir", {}),
+                 FileError);
+}
+
+TEST_F(HttpClientTest, StopRequestEndsADownloadPromptly) {
+    const testing::TemporaryDirectory directory;
+    std::stop_source stop;
+    std::jthread canceller([&stop] {
+        std::this_thread::sleep_for(200ms);
+        stop.request_stop();
+    });
+    const auto started = Clock::now();
+    try {
+        client_.download(download(url("/slow")), directory.path() / "file", stop.get_token());
+        ADD_FAILURE() << "the download finished";
+    } catch (const HttpError& error) {
+        EXPECT_EQ(error.kind(), Kind::cancelled);
+    }
+    EXPECT_LT(Clock::now() - started, 3s);
 }
 
 TEST_F(HttpClientTest, ManyThreadsSendAtOnce) {
