@@ -1,4 +1,5 @@
 #include "cli/Commands.h"
+#include "cli/CronCommand.h"
 #include "cli/RuntimesCommand.h"
 
 namespace quorlin::cli {
@@ -200,6 +201,28 @@ std::vector<CommandSpec> makeTable() {
          0,
          "",
          llmCheckCommand},
+        {"cron",
+         "\"<expression>\"",
+         "Check a cron schedule and list its next runs in local time.",
+         "Five fields, quoted as one word: minute (0-59), hour (0-23), day of the month\n"
+         "(1-31), month (1-12) and weekday (0-7; 0 and 7 are Sunday). A field is *, a\n"
+         "number, a range such as 1-5 or a list such as 1,15, each optionally with a\n"
+         "step: */15. The day of the month and the weekday must both match: \"0 8 13 * 5\"\n"
+         "runs only on a Friday the 13th. Each run is looked for within 366 days of the\n"
+         "one before; \"Unable to compute\" ends the list where none falls.\n"
+         "\n"
+         "Exit status: 0 the expression is valid, 2 it or an option is not.",
+         {{"--after",
+           "",
+           "<date>",
+           "List the runs after this local time (\"2024-05-01 09:00\"); default now.",
+           {}},
+          {"--count", "", "<count>", "List this many runs (default 5, at most 1000).", {}},
+          json},
+         1,
+         1,
+         "",
+         cronCommand},
         {"completion",
          "<shell>",
          "Print the completion script for bash or zsh.",
