@@ -1,5 +1,6 @@
 #include "cli/Commands.h"
 #include "cli/CronCommand.h"
+#include "cli/LibraryCommands.h"
 #include "cli/RuntimesCommand.h"
 
 namespace quorlin::cli {
@@ -223,6 +224,30 @@ std::vector<CommandSpec> makeTable() {
          1,
          "",
          cronCommand},
+        {"folders",
+         "",
+         "List the library's folders with their flows, then the flows in no folder.",
+         "The arrangement is the one the desktop app shows: a flow stands in the first\n"
+         "folder that lists it, and a flow new to the library in no folder.",
+         {json},
+         0,
+         0,
+         "",
+         foldersCommand},
+        {"reset",
+         "",
+         "Delete everything Quorlin keeps on this computer, after asking.",
+         "Removes the whole data root: settings, history, installed workflows, managed\n"
+         "runtimes and models. The next start recreates the defaults. Lists what it\n"
+         "deleted.\n"
+         "\n"
+         "Exit status: 0 deleted (or nothing to delete), 1 not confirmed, 2 no one to\n"
+         "answer and no --yes.",
+         {{"--yes", "-y", "", "Don't ask.", {}}},
+         0,
+         0,
+         "",
+         resetCommand},
         {"completion",
          "<shell>",
          "Print the completion script for bash or zsh.",
