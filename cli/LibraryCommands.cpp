@@ -23,8 +23,10 @@ FlowLibraryPreferencesDocument libraryInForce(const AppSupportPaths& paths) {
     for (const auto& reference : locator.availableWorkflowReferences()) {
         ids.push_back(reference.flowID);
     }
-    return FlowLibraryPreferencesStore(paths).loadIfPresent().value_or(
-        FlowLibraryPreferencesDocument{}).normalized(ids);
+    return FlowLibraryPreferencesStore(paths)
+        .loadIfPresent()
+        .value_or(FlowLibraryPreferencesDocument{})
+        .normalized(ids);
 }
 
 void printGroup(const std::string& name, const std::vector<std::string>& flowIDs) {
