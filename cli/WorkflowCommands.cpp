@@ -1,5 +1,6 @@
 #include "cli/Commands.h"
 #include "core/definitions/WorkflowLoader.h"
+#include "core/state/ScheduleWarnings.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -52,6 +53,13 @@ int strictOutcome(bool strict, std::size_t warnings) {
     return exitStatus::success;
 }
 
+// The loader's warnings and those of the schedule triggers, which only the scheduler reads.
+LintedWorkflow withScheduleWarnings(LintedWorkflow linted) {
+    auto schedules = scheduleWarnings(linted.document.flow);
+    linted.warnings.insert(linted.warnings.begin(), schedules.begin(), schedules.end());
+    return linted;
+}
+
 } // namespace
 
 // Lists what is in force, in registry order. A broken workflow shows its error in its
@@ -72,7 +80,7 @@ int flowsCommand(const ParsedArguments& arguments) {
         FlowRow row{reference.flowID, "", reference.version,
                     std::string(rawValue(reference.source)), "ok"};
         try {
-            const auto linted = loader.lintWorkflowBundle(reference);
+            auto linted = withScheduleWarnings(loader.lintWorkflowBundle(reference));
             row.name = linted.document.flow.name;
             if (!linted.warnings.empty()) {
                 row.status = "ok, " + countOf(linted.warnings.size(), "warning");
@@ -111,7 +119,7 @@ int validateCommand(const ParsedArguments& arguments) {
                              folder.string() + "'",
                          "validate");
     }
-    const auto linted = installedLoader().lintWorkflow(folder);
+    const auto linted = withScheduleWarnings(installedLoader().lintWorkflow(folder));
     std::cout << "ok\n";
     for (const auto& resolution : linted.blockResolutions) {
         std::cout << resolution.stepID << ' ' << resolution.reference.text() << ' '
