@@ -1,4 +1,5 @@
 #include "cli/Commands.h"
+#include "cli/LocalLLMCommand.h"
 #include "cli/CronCommand.h"
 #include "cli/LibraryCommands.h"
 #include "cli/RuntimesCommand.h"
@@ -248,6 +249,73 @@ std::vector<CommandSpec> makeTable() {
          0,
          "",
          resetCommand},
+        {"local-llm status",
+         "",
+         "Show where Ollama is, whether its server runs and who started it.",
+         "The server address and the model are the ollamaURL and localLLMModel settings.\n"
+         "A server Quorlin started shows its process id; one that answers without it was\n"
+         "started outside Quorlin (a system service, or someone's own ollama serve).\n"
+         "ollama is looked for on PATH, in /usr/local/bin and /usr/bin, then as the copy\n"
+         "Quorlin downloads under the data root (managed-runtimes/ollama).",
+         {json},
+         0,
+         0,
+         "",
+         localLLMStatusCommand},
+        {"local-llm setup",
+         "",
+         "Install Ollama if needed, start its server and pull the chosen model.",
+         "Downloads Ollama for Linux under the data root when no ollama is found and no\n"
+         "server answers (checked against the release's sha256sum.txt; see\n"
+         "QUORLIN_OLLAMA_DOWNLOAD_URL), starts the server as quorlin local-llm start does,\n"
+         "then pulls the localLLMModel setting. Progress goes to stderr, the log to stdout;\n"
+         "Ctrl-C leaves nothing half installed.\n"
+         "\n"
+         "Exit status: 0 ready, 1 a step failed, 130 interrupted.",
+         {},
+         0,
+         0,
+         "",
+         localLLMSetupCommand},
+        {"local-llm start",
+         "",
+         "Start the Ollama server in the background, unless one answers already.",
+         "Runs ollama serve in a session of its own, with OLLAMA_HOST from the ollamaURL\n"
+         "setting and its models in local-llm/models under the data root; its output goes\n"
+         "to local-llm/ollama-serve.log and its process id to local-llm/ollama-serve.pid.\n"
+         "A server that is still starting after five seconds is left to finish.\n"
+         "\n"
+         "Exit status: 0 running or starting, 1 it could not start, 130 interrupted (the\n"
+         "server it launched is stopped again).",
+         {},
+         0,
+         0,
+         "",
+         localLLMStartCommand},
+        {"local-llm stop",
+         "",
+         "Stop the Ollama server Quorlin started.",
+         "Only the process recorded by quorlin local-llm start is stopped (SIGTERM, then\n"
+         "SIGKILL after five seconds). A server started outside Quorlin is left running,\n"
+         "and the log says so.",
+         {},
+         0,
+         0,
+         "",
+         localLLMStopCommand},
+        {"local-llm pull",
+         "<model>",
+         "Have the running Ollama server download a model, such as qwen2.5:7b.",
+         "Progress goes to stderr: the server's steps and the bytes of each layer. The\n"
+         "server must be running (quorlin local-llm start).\n"
+         "\n"
+         "Exit status: 0 pulled, 1 the server refused or failed, 2 the command line is\n"
+         "wrong, 130 interrupted.",
+         {},
+         1,
+         1,
+         localLLMModelCompletion(),
+         localLLMPullCommand},
         {"completion",
          "<shell>",
          "Print the completion script for bash or zsh.",

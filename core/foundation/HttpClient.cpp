@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <exception>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
@@ -128,11 +129,38 @@ struct Exchange {
     HttpResponse response{};
     std::size_t responseLimit = 0;
     bool responseTooLarge = false;
+    // A request's onBodyData, and how it ended the transfer when it did.
+    CURL* easy = nullptr;
+    const std::function<bool(std::string_view)>* onBodyData = nullptr;
+    bool stoppedByReader = false;
+    std::exception_ptr readerError{};
 };
+
+int responseCode(CURL* easy);
+
+// A successful reply's piece handed to the request's reader; 0 ends the transfer.
+std::size_t streamBody(Exchange& exchange, const char* data, std::size_t length) {
+    try {
+        if (!(*exchange.onBodyData)(std::string_view(data, length))) {
+            exchange.stoppedByReader = true;
+            return 0;
+        }
+    } catch (...) {
+        exchange.readerError = std::current_exception(); // rethrown once curl is out of the way
+        return 0;
+    }
+    return length;
+}
 
 std::size_t receiveBody(char* data, std::size_t size, std::size_t count, void* context) {
     auto& exchange = *static_cast<Exchange*>(context);
     const std::size_t length = size * count;
+    if (exchange.onBodyData != nullptr) {
+        const int status = responseCode(exchange.easy);
+        if (status >= 200 && status <= 299) {
+            return streamBody(exchange, data, length);
+        }
+    }
     if (length > exchange.responseLimit - exchange.response.body.size()) {
         exchange.responseTooLarge = true;
         return 0; // anything short of length makes curl stop with CURLE_WRITE_ERROR
@@ -158,8 +186,6 @@ struct DownloadExchange {
 };
 
 constexpr std::size_t keptErrorBodyBytes = 64 * 1024;
-
-int responseCode(CURL* easy);
 
 std::size_t receiveDownload(char* data, std::size_t size, std::size_t count, void* context) {
     auto& exchange = *static_cast<DownloadExchange*>(context);
@@ -277,10 +303,18 @@ void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, Exch
     setOption(easy, CURLOPT_ERRORBUFFER, errorBuffer, host);
     setOption(easy, CURLOPT_SSL_VERIFYPEER, 1L, host);
     setOption(easy, CURLOPT_SSL_VERIFYHOST, 2L, host);
-    setOption(easy, CURLOPT_TIMEOUT_MS, milliseconds(request.timeout), host);
     setOption(easy, CURLOPT_CONNECTTIMEOUT_MS, milliseconds(request.connectTimeout), host);
-    setOption(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request.responseLimit),
-              host);
+    if (request.onBodyData) {
+        // A streamed reply lasts as long as the work behind it; only a stall ends it.
+        const auto seconds = std::chrono::ceil<std::chrono::seconds>(request.timeout).count();
+        setOption(easy, CURLOPT_LOW_SPEED_LIMIT, 1L, host);
+        setOption(easy, CURLOPT_LOW_SPEED_TIME,
+                  static_cast<long>(std::max<decltype(seconds)>(seconds, 1)), host);
+    } else {
+        setOption(easy, CURLOPT_TIMEOUT_MS, milliseconds(request.timeout), host);
+        setOption(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request.responseLimit),
+                  host);
+    }
     setOption(easy, CURLOPT_HTTPHEADER, headers, host);
     setOption(easy, CURLOPT_WRITEFUNCTION, &receiveBody, host);
     setOption(easy, CURLOPT_WRITEDATA, static_cast<void*>(&exchange), host);
@@ -433,11 +467,19 @@ HttpResponse CurlHttpClient::send(const HttpRequest& request, const std::stop_to
     if (!easy) {
         throw HttpError::transport(host, "libcurl could not make a request handle");
     }
-    Exchange exchange{.responseLimit = request.responseLimit};
+    Exchange exchange{.responseLimit = request.responseLimit,
+                      .easy = easy.get(),
+                      .onBodyData = request.onBodyData ? &request.onBodyData : nullptr};
     std::array<char, CURL_ERROR_SIZE> errorBuffer{};
     configure(easy.get(), request, headers.get(), exchange, errorBuffer.data(), host);
 
     const CURLcode code = perform(easy.get(), stopToken, host);
+    if (exchange.readerError) {
+        std::rethrow_exception(exchange.readerError);
+    }
+    if (exchange.stoppedByReader) {
+        throw HttpError::cancelled(host);
+    }
     if (code != CURLE_OK) {
         throwFailure(code, easy.get(), request, exchange, errorBuffer.data(), host);
     }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -31,6 +32,13 @@ struct HttpRequest {
     std::chrono::milliseconds connectTimeout = std::chrono::seconds(10);
     // A reply body larger than this fails with HttpError(tooLarge) and is not kept.
     std::size_t responseLimit = defaultHttpResponseLimit;
+    // For a reply that streams (a line per event, for as long as the work lasts): when set,
+    // the body of a reply with a status of 200 to 299 is handed here piece by piece as it
+    // arrives, on the calling thread, and not kept, so responseLimit does not bound it; and
+    // timeout bounds how long the reply may go without a byte rather than the whole
+    // exchange. Returning false ends the transfer with HttpError(cancelled); an exception
+    // thrown here ends it and comes out of send. Other replies' bodies are kept as usual.
+    std::function<bool(std::string_view)> onBodyData{};
 };
 
 struct HttpResponse {

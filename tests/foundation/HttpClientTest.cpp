@@ -8,6 +8,7 @@
 
 #include <arpa/inet.h>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -552,6 +553,82 @@ TEST(HttpHostTest, NamesTheHostWithoutCredentialsPathOrQuery) {
     };
     for (const auto& [url, host] : cases) {
         EXPECT_EQ(httpHostOf(url), host) << url;
+    }
+}
+
+// A reply that streams: a line, then a wait until the client says it has read that line,
+// then the rest; so a client that only hands over the body at its end never says so.
+TEST(HttpStreamedReplyTest, HandsASuccessfulBodyOverAsItArrivesAndKeepsOthersForTheirError) {
+    const testing::ScopedEnvironment noProxy{"no_proxy", "127.0.0.1"};
+    const testing::ScopedEnvironment noProxyUpper{"NO_PROXY", "127.0.0.1"};
+    std::promise<void> firstLineRead;
+    auto firstLineSeen = firstLineRead.get_future().share();
+    std::atomic<bool> readBeforeTheRest = false;
+    testing::LoopbackHttpServer server;
+    server.server().Post("/stream", [&](const httplib::Request&, httplib::Response& response) {
+        response.set_chunked_content_provider(
+            "application/x-ndjson", [&](std::size_t offset, httplib::DataSink& sink) {
+                if (offset == 0) {
+                    sink.write("{\"status\":\"one\"}\n", 17);
+                    return true;
+                }
+                readBeforeTheRest = firstLineSeen.wait_for(10s) == std::future_status::ready;
+                sink.write("{\"status\":\"two\"}\n", 17);
+                sink.done();
+                return true;
+            });
+    });
+    server.server().Post("/refused", [](const httplib::Request&, httplib::Response& response) {
+        response.status = 500;
+        response.set_content(R"({"error":"no such model"})", "application/json");
+    });
+    server.start();
+    CurlHttpClient client;
+
+    std::string streamed;
+    HttpRequest request;
+    request.method = "POST";
+    request.url = server.url("/stream");
+    request.onBodyData = [&](std::string_view piece) {
+        if (streamed.empty() && !piece.empty()) {
+            firstLineRead.set_value();
+        }
+        streamed += piece;
+        return true;
+    };
+    const HttpResponse reply = client.send(request, {});
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(streamed, "{\"status\":\"one\"}\n{\"status\":\"two\"}\n");
+    EXPECT_EQ(reply.body, "");
+    EXPECT_TRUE(readBeforeTheRest) << "the first line was held back until the end";
+
+    streamed.clear();
+    request.url = server.url("/refused");
+    const HttpResponse refused = client.send(request, {});
+    EXPECT_EQ(refused.status, 500);
+    EXPECT_EQ(refused.body, R"({"error":"no such model"})");
+    EXPECT_EQ(streamed, "") << "an error's body is not streamed";
+
+    const struct {
+        std::string name;
+        std::function<bool(std::string_view)> reader;
+        std::string failure;
+    } endings[] = {
+        {"the reader declines", [](std::string_view) { return false; },
+         "The request to 127.0.0.1:" + std::to_string(server.port()) + " was cancelled."},
+        {"the reader throws",
+         [](std::string_view) -> bool { throw std::runtime_error("not a JSON line"); },
+         "not a JSON line"},
+    };
+    request.url = server.url("/stream");
+    for (const auto& ending : endings) {
+        request.onBodyData = ending.reader;
+        try {
+            client.send(request, {});
+            ADD_FAILURE() << ending.name << ": the reply was read to its end";
+        } catch (const std::exception& error) {
+            EXPECT_EQ(error.what(), ending.failure) << ending.name;
+        }
     }
 }
 
