@@ -1,6 +1,7 @@
 #include "cli/Commands.h"
-#include "cli/LocalLLMCommand.h"
 #include "cli/CronCommand.h"
+#include "cli/DepsCommand.h"
+#include "cli/LocalLLMCommand.h"
 #include "cli/LibraryCommands.h"
 #include "cli/RuntimesCommand.h"
 
@@ -165,6 +166,39 @@ std::vector<CommandSpec> makeTable() {
          1,
          "python node",
          runtimesInstallCommand},
+        {"deps status",
+         "<flow-id>",
+         "Show whether a workflow's Python and Node packages are installed and current.",
+         "For each runtime: the manifest the flow ships (scripts/requirements.txt,\n"
+         "scripts/package.json and a package-lock.json beside it), whether its packages\n"
+         "are installed and match it byte for byte, the folder they go to, and what would\n"
+         "install them.",
+         {json},
+         1,
+         1,
+         "flows",
+         depsStatusCommand},
+        {"deps install",
+         "<flow-id>",
+         "Install the Python and Node packages a workflow's scripts need.",
+         "Python packages come from the flow's scripts/requirements.txt (pip install\n"
+         "--target; --require-hashes when it pins hashes), Node packages from\n"
+         "scripts/package.json (npm install, or npm ci when a package-lock.json lies\n"
+         "beside it), each flow into a folder of its own under script-dependencies/ in the\n"
+         "data root. pip and npm come from the Quorlin-managed runtime when it is\n"
+         "installed, else from the system; their own settings apply (PIP_INDEX_URL,\n"
+         "PIP_FIND_LINKS, npm_config_registry, ...). Packages that match their manifest\n"
+         "are not installed again. A run installs what it needs by itself; this does it\n"
+         "ahead of time. An install is all or nothing: after a failure or Ctrl-C the\n"
+         "folder is as it was. pip's and npm's lines go to stderr, the log to stdout.\n"
+         "\n"
+         "Exit status: 0 installed or already current, 1 an install failed, 2 the command\n"
+         "line is wrong, 130 interrupted.",
+         {},
+         1,
+         1,
+         "flows",
+         depsInstallCommand},
         {"profile",
          "",
          "Print the client profile, creating it from the default when missing.",

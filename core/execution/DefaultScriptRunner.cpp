@@ -7,23 +7,9 @@
 #include <chrono>
 #include <system_error>
 
-extern char** environ;
-
 namespace quorlin {
 
 namespace {
-
-std::map<std::string, std::string> inheritedEnvironment() {
-    std::map<std::string, std::string> environment;
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-        const std::string_view pair(*entry);
-        const auto equals = pair.find('=');
-        if (equals != std::string_view::npos) {
-            environment.emplace(pair.substr(0, equals), pair.substr(equals + 1));
-        }
-    }
-    return environment;
-}
 
 std::string utf8OrEmpty(const std::string& bytes) {
     return isValidUtf8(bytes) ? bytes : std::string();
@@ -85,8 +71,7 @@ ScriptResult DefaultScriptRunner::run(const ScriptInvocation& invocation,
     ChildProcessRequest request;
     request.executable = interpreter;
     request.arguments = {script.string()};
-    request.environment = inheritedEnvironment();
-    request.environment["PYTHONUNBUFFERED"] = "1";
+    request.environment = processEnvironment({{"PYTHONUNBUFFERED", "1"}});
     for (const auto& [key, value] : invocation.environment) {
         request.environment[key] = value;
     }

@@ -100,9 +100,11 @@ std::string utf8OrEmpty(const std::string& bytes) {
 
 } // namespace
 
-WorkflowScriptLauncher::WorkflowScriptLauncher(std::shared_ptr<ScriptRunner> runner,
-                                               AppSupportPaths paths)
-    : runner_(std::move(runner)), paths_(std::move(paths)) {}
+WorkflowScriptLauncher::WorkflowScriptLauncher(
+    std::shared_ptr<ScriptRunner> runner, AppSupportPaths paths,
+    std::shared_ptr<const ScriptDependencyInstaller> dependencies)
+    : runner_(std::move(runner)), paths_(std::move(paths)), dependencies_(std::move(dependencies)) {
+}
 
 ScriptResult WorkflowScriptLauncher::launch(const StepContext& context, ScriptSpec spec,
                                             std::string input) const {
@@ -127,6 +129,12 @@ ScriptResult WorkflowScriptLauncher::launch(const StepContext& context, ScriptSp
         invocation.onStandardError = [&request, &step = context.step](std::string_view text) {
             request.scriptErrorOutput(step.id, text);
         };
+    }
+    if (dependencies_) {
+        // The manifests of the bundle this run loaded, whatever its source.
+        dependencies_->installDependenciesIfNeeded(
+            {workflow.id, context.workflow.reference.directory}, invocation.spec.runtime,
+            request.stopToken, invocation.onStandardError);
     }
     return runner_->run(invocation, request.stopToken);
 }

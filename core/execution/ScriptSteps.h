@@ -3,22 +3,27 @@
 #include "core/definitions/AppSupportPaths.h"
 #include "core/execution/ScriptRunner.h"
 #include "core/execution/StepHandler.h"
+#include "core/runtimes/ScriptDependencyInstaller.h"
 
 #include <memory>
 
 namespace quorlin {
 
 // Runs one of a workflow's scripts for a step: with the step's environment, in the
-// workflow's dependency folder for the runtime, under the run's stop.
+// workflow's dependency folder for the runtime, under the run's stop. With an installer,
+// the packages the workflow's bundle lists for the runtime are installed first when they
+// aren't yet (or the list changed); what pip or npm print joins the step's stderr.
 class WorkflowScriptLauncher {
 public:
-    WorkflowScriptLauncher(std::shared_ptr<ScriptRunner> runner, AppSupportPaths paths);
+    WorkflowScriptLauncher(std::shared_ptr<ScriptRunner> runner, AppSupportPaths paths,
+                           std::shared_ptr<const ScriptDependencyInstaller> dependencies = nullptr);
 
     ScriptResult launch(const StepContext& context, ScriptSpec spec, std::string input) const;
 
 private:
     std::shared_ptr<ScriptRunner> runner_;
     AppSupportPaths paths_;
+    std::shared_ptr<const ScriptDependencyInstaller> dependencies_;
 };
 
 // "script-run" with no script block: the script reads the run's previous outputs on stdin

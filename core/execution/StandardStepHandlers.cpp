@@ -9,7 +9,13 @@ namespace quorlin {
 
 StepHandlerRegistry standardStepHandlers(const StepServices& services) {
     using Folder = FolderStepHandler::Kind;
-    const WorkflowScriptLauncher scripts(services.scriptRunner, services.paths);
+    auto dependencies =
+        services.dependencyInstaller
+            ? services.dependencyInstaller
+            : std::make_shared<const ScriptDependencyInstaller>(
+                  WorkflowBundleLocator(QuorlinResources::installed(), services.paths));
+    const WorkflowScriptLauncher scripts(services.scriptRunner, services.paths,
+                                         std::move(dependencies));
     const auto context = std::make_shared<ContextStepHandler>();
     auto anthropic =
         services.anthropicClient

@@ -3,6 +3,7 @@
 #include "core/definitions/AppSupportPaths.h"
 #include "core/execution/ScriptRunner.h"
 #include "core/execution/StepHandlerRegistry.h"
+#include "core/runtimes/ScriptDependencyInstaller.h"
 #include "core/services/AnthropicClient.h"
 
 #include <memory>
@@ -16,6 +17,9 @@ struct StepServices {
     // Absent: one at anthropicBaseURLFromEnvironment(), so the command line can point the
     // LLM steps at another address.
     std::shared_ptr<const AnthropicClient> anthropicClient = nullptr;
+    // Installs a workflow's script packages before its scripts run. Absent: one over this
+    // installation's resources and the paths above.
+    std::shared_ptr<const ScriptDependencyInstaller> dependencyInstaller = nullptr;
 };
 
 // Every step handler this build has, registered by type.

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <unistd.h>
 
+extern char** environ; // the process environment, as POSIX names it
+
 namespace quorlin {
 
 namespace {
@@ -168,6 +170,22 @@ ChildProcessResult runChildProcess(const ChildProcessRequest& request,
     checkOutputLimit(*child, result.standardError, "stderr", request);
     result.exitCode = *exitCode;
     return result;
+}
+
+std::map<std::string, std::string>
+processEnvironment(const std::map<std::string, std::string>& overrides) {
+    std::map<std::string, std::string> environment;
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const std::string_view pair(*entry);
+        const auto equals = pair.find('=');
+        if (equals != std::string_view::npos) {
+            environment.emplace(pair.substr(0, equals), pair.substr(equals + 1));
+        }
+    }
+    for (const auto& [key, value] : overrides) {
+        environment[key] = value;
+    }
+    return environment;
 }
 
 } // namespace quorlin

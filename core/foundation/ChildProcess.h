@@ -63,4 +63,9 @@ struct ChildProcessResult {
 ChildProcessResult runChildProcess(const ChildProcessRequest& request,
                                    const std::stop_token& stopToken = {});
 
+// This process's environment with the overrides laid over it: what a child started on our
+// behalf should see.
+std::map<std::string, std::string>
+processEnvironment(const std::map<std::string, std::string>& overrides = {});
+
 } // namespace quorlin

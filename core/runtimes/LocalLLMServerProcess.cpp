@@ -1,6 +1,7 @@
 #include "core/runtimes/LocalLLMServerProcess.h"
 
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/ChildProcess.h"
 #include "core/foundation/Json.h"
 #include "core/runtimes/LocalLLMInstallerError.h"
 
@@ -14,8 +15,6 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-extern char** environ; // NOLINT: the process environment, as POSIX names it
 
 namespace quorlin {
 
@@ -65,13 +64,7 @@ std::string bootID() {
 
 std::vector<std::string> environmentWith(const std::map<std::string, std::string>& extra) {
     std::vector<std::string> entries;
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-        const std::string_view text(*entry);
-        if (!extra.contains(std::string(text.substr(0, text.find('='))))) {
-            entries.emplace_back(text);
-        }
-    }
-    for (const auto& [name, value] : extra) {
+    for (const auto& [name, value] : processEnvironment(extra)) {
         entries.push_back(name + "=" + value);
     }
     return entries;
