@@ -58,16 +58,6 @@ std::size_t scriptOutputLimit(const FlowStep& step) {
     return defaultChildOutputLimit;
 }
 
-ScriptRuntime plainScriptRuntime(const FlowStep& step) {
-    if (const auto name = configOrActionString(step, "runtime")) {
-        if (const auto runtime = scriptRuntimeFromRawValue(*name)) {
-            return *runtime;
-        }
-    }
-    throw WorkflowLoaderError(WorkflowLoaderError::Kind::message,
-                              "Missing runtime for step " + step.id);
-}
-
 std::string plainScriptEntrypoint(const FlowStep& step) {
     if (auto entrypoint = configOrActionString(step, "entrypoint")) {
         return *entrypoint;
@@ -80,7 +70,7 @@ std::string plainScriptEntrypoint(const FlowStep& step) {
 ScriptRuntime blockScriptRuntime(const BlockExecutionDefinition& execution, const FlowStep& step) {
     const std::string name = trimmed(execution.runtime.value_or(""));
     if (name.empty()) {
-        return plainScriptRuntime(step);
+        return stepScriptRuntime(step);
     }
     if (const auto runtime = scriptRuntimeFromBlockValue(name)) {
         return *runtime;
@@ -99,6 +89,16 @@ std::string utf8OrEmpty(const std::string& bytes) {
 }
 
 } // namespace
+
+ScriptRuntime stepScriptRuntime(const FlowStep& step) {
+    if (const auto name = configOrActionString(step, "runtime")) {
+        if (const auto runtime = scriptRuntimeFromRawValue(*name)) {
+            return *runtime;
+        }
+    }
+    throw WorkflowLoaderError(WorkflowLoaderError::Kind::message,
+                              "Missing runtime for step " + step.id);
+}
 
 WorkflowScriptLauncher::WorkflowScriptLauncher(
     std::shared_ptr<ScriptRunner> runner, AppSupportPaths paths,
@@ -150,7 +150,7 @@ GenericScriptStepRunResult PlainScriptStepHandler::run(const StepContext& contex
     const auto inputJSON = toJson(input);
     const ScriptResult script =
         launcher_.launch(context,
-                         {plainScriptRuntime(step), plainScriptEntrypoint(step),
+                         {stepScriptRuntime(step), plainScriptEntrypoint(step),
                           scriptTimeoutSeconds(step), scriptOutputLimit(step)},
                          compactJson(inputJSON));
     const std::string stdoutText = utf8OrEmpty(script.stdoutData);

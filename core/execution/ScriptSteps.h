@@ -9,6 +9,10 @@
 
 namespace quorlin {
 
+// The runtime a step names in its config, else its action: "python" or "node". Throws
+// WorkflowLoaderError "Missing runtime for step <id>" when it names neither.
+ScriptRuntime stepScriptRuntime(const FlowStep& step);
+
 // Runs one of a workflow's scripts for a step: with the step's environment, in the
 // workflow's dependency folder for the runtime, under the run's stop. With an installer,
 // the packages the workflow's bundle lists for the runtime are installed first when they

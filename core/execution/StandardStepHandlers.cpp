@@ -1,6 +1,7 @@
 #include "StandardStepHandlers.h"
 
 #include "core/definitions/StepTypes.h"
+#include "core/execution/CheckSteps.h"
 #include "core/execution/LLMSteps.h"
 #include "core/execution/NativeStepHandlers.h"
 #include "core/execution/ScriptSteps.h"
@@ -14,8 +15,7 @@ StepHandlerRegistry standardStepHandlers(const StepServices& services) {
             ? services.dependencyInstaller
             : std::make_shared<const ScriptDependencyInstaller>(
                   WorkflowBundleLocator(QuorlinResources::installed(), services.paths));
-    const WorkflowScriptLauncher scripts(services.scriptRunner, services.paths,
-                                         std::move(dependencies));
+    const WorkflowScriptLauncher scripts(services.scriptRunner, services.paths, dependencies);
     const auto context = std::make_shared<ContextStepHandler>();
     auto anthropic =
         services.anthropicClient
@@ -37,6 +37,10 @@ StepHandlerRegistry standardStepHandlers(const StepServices& services) {
                  std::make_shared<LLMGenerateStructuredStepHandler>(std::move(anthropic), scripts));
     registry.add(stepType::batchApproval, std::make_shared<ApprovalGateStepHandler>());
     registry.add(stepType::nativeFileWrite, std::make_shared<FileWriteStepHandler>());
+    registry.add(stepType::runtimeCheck, std::make_shared<RuntimeCheckStepHandler>(
+                                             QuorlinResources::installed(), services.paths));
+    registry.add(stepType::dependencyCheck,
+                 std::make_shared<DependencyCheckStepHandler>(std::move(dependencies)));
     return registry;
 }
 
