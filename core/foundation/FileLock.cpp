@@ -3,9 +3,11 @@
 #include "core/foundation/FileError.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -36,6 +38,23 @@ FileLock FileLock::acquire(const std::filesystem::path& file) {
 
 std::optional<FileLock> FileLock::tryAcquire(const std::filesystem::path& file) {
     return lock(file, false);
+}
+
+std::optional<FileLock> FileLock::acquireUnlessStopped(const std::filesystem::path& file,
+                                                       const std::stop_token& stopToken,
+                                                       const std::function<void()>& onWait) {
+    for (bool waited = false;; waited = true) {
+        if (auto held = tryAcquire(file)) {
+            return held;
+        }
+        if (stopToken.stop_requested()) {
+            return std::nullopt;
+        }
+        if (!waited && onWait) {
+            onWait();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
 }
 
 FileLock::~FileLock() {

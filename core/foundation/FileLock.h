@@ -1,7 +1,9 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
+#include <stop_token>
 
 namespace quorlin {
 
@@ -14,6 +16,11 @@ public:
     static FileLock acquire(const std::filesystem::path& file);
     // Nothing when someone else holds it now.
     static std::optional<FileLock> tryAcquire(const std::filesystem::path& file);
+    // Waits in short tries (flock itself can't be interrupted), so that a stop request
+    // ends the wait: nothing then. onWait is called once, when the lock is found taken.
+    static std::optional<FileLock> acquireUnlessStopped(const std::filesystem::path& file,
+                                                        const std::stop_token& stopToken,
+                                                        const std::function<void()>& onWait = {});
 
     ~FileLock();
     FileLock(FileLock&& other) noexcept;

@@ -406,15 +406,11 @@ std::string LocalLLMInstaller::setupForWorkflow(const std::string& baseURL,
 
 FileLock LocalLLMInstaller::waitForLock(const std::filesystem::path& file, const std::string& url,
                                         const std::stop_token& stopToken) {
-    while (true) {
-        if (auto lock = FileLock::tryAcquire(file)) {
-            return std::move(*lock);
-        }
-        if (stopToken.stop_requested()) {
-            throw HttpError::cancelled(httpHostOf(url));
-        }
-        std::this_thread::sleep_for(100ms);
+    auto lock = FileLock::acquireUnlessStopped(file, stopToken);
+    if (!lock) {
+        throw HttpError::cancelled(httpHostOf(url));
     }
+    return std::move(*lock);
 }
 
 } // namespace quorlin

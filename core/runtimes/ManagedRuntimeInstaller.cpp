@@ -73,19 +73,6 @@ std::optional<std::filesystem::path> findExecutable(const std::filesystem::path&
     return std::nullopt;
 }
 
-FileLock waitForLock(const std::filesystem::path& file, const ManagedRuntimeDescriptor& descriptor,
-                     const std::stop_token& stopToken) {
-    while (true) {
-        if (auto lock = FileLock::tryAcquire(file)) {
-            return std::move(*lock);
-        }
-        if (stopToken.stop_requested()) {
-            throw HttpError::cancelled(httpHostOf(descriptor.archiveURL));
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-}
-
 std::string alreadyInstalled(const ManagedRuntimeDescriptor& descriptor,
                              const std::filesystem::path& directory,
                              const std::filesystem::path& executable) {
@@ -157,7 +144,10 @@ std::string ManagedRuntimeInstaller::install(ScriptRuntime runtime,
     createDirectories(root);
     // One install of a runtime at a time, across processes: the app and the command line
     // may both try, and each clears staging folders it takes for a crash's leftovers.
-    const auto lock = waitForLock(root / ".install.lock", descriptor, stopToken);
+    const auto lock = FileLock::acquireUnlessStopped(root / ".install.lock", stopToken);
+    if (!lock) {
+        throw HttpError::cancelled(httpHostOf(descriptor.archiveURL));
+    }
     if (auto executable = findInManagedRuntime(paths_, descriptor, descriptor.executableSuffixes)) {
         return alreadyInstalled(descriptor, target, *executable); // the other one finished it
     }

@@ -13,8 +13,6 @@ namespace quorlin {
 
 namespace {
 
-constexpr std::chrono::milliseconds lockPollInterval{100};
-
 std::string hiddenSiblingPrefix(const std::filesystem::path& target, std::string_view kind) {
     return "." + target.filename().string() + "." + std::string(kind) + "-";
 }
@@ -35,21 +33,15 @@ void removeLeftovers(const std::filesystem::path& target) {
     }
 }
 
-// flock can't be interrupted by a stop token, so the wait is a series of tries.
 FileLock waitForLock(const std::filesystem::path& file, const std::stop_token& stopToken,
                      const ScriptDependencyOutput& output) {
-    bool told = false;
-    while (true) {
-        if (auto lock = FileLock::tryAcquire(file)) {
-            return std::move(*lock);
-        }
-        if (!told && output) {
+    auto lock = FileLock::acquireUnlessStopped(file, stopToken, [&output] {
+        if (output) {
             output("Waiting for another install of these dependencies to finish...\n");
-            told = true;
         }
-        throwIfStopRequested(stopToken);
-        std::this_thread::sleep_for(lockPollInterval);
-    }
+    });
+    throwIfStopRequested(stopToken);
+    return std::move(*lock);
 }
 
 void renameOrThrow(const std::filesystem::path& from, const std::filesystem::path& to) {
