@@ -216,6 +216,27 @@ TEST_F(ManagedRuntimeInstallerTest, EveryFailureLeavesNothingHalfInstalled) {
     }
 }
 
+// Ctrl-C at any point of an install: nothing is put in place, and the next one starts clean.
+TEST_F(ManagedRuntimeInstallerTest, AStoppedInstallLeavesNothingBehind) {
+    const std::string bytes = archive();
+    publish(bytes, Sha256::hexOf(bytes));
+    for (const auto stopAt : {Stage::downloading, Stage::verifying, Stage::unpacking}) {
+        std::stop_source stop;
+        ManagedRuntimeInstaller installer(paths, client, client, sources);
+        EXPECT_THROW(installer.install(
+                         ScriptRuntime::python,
+                         [&](const RuntimeInstallProgress& progress) {
+                             if (progress.stage == stopAt) {
+                                 stop.request_stop();
+                             }
+                         },
+                         stop.get_token()),
+                     HttpError);
+        EXPECT_EQ(runtimeFolder(), std::vector<std::string>{});
+    }
+    EXPECT_NE(install().find("runtime installed"), std::string::npos);
+}
+
 TEST_F(ManagedRuntimeInstallerTest, ACatalogueFileEntryCarriesItsOwnChecksum) {
     const std::string bytes = archive();
     host.put("/mirror/python.tar.gz", bytes);
