@@ -4,6 +4,7 @@
 #include "cli/LocalLLMCommand.h"
 #include "cli/LibraryCommands.h"
 #include "cli/RuntimesCommand.h"
+#include "cli/ScheduleCommands.h"
 
 namespace quorlin::cli {
 
@@ -237,6 +238,35 @@ std::vector<CommandSpec> makeTable() {
          0,
          "",
          llmCheckCommand},
+        {"schedule list",
+         "",
+         "List each flow's schedule: its expression, what it means and its next run.",
+         "A flow runs by the expression you set (quorlin schedule <flow-id> --cron), else\n"
+         "by its own schedule trigger; a flow with neither runs only by hand. The desktop\n"
+         "app and quorlin scheduler fire the schedules.",
+         {json},
+         0,
+         0,
+         "",
+         scheduleListCommand},
+        {"schedule",
+         "<flow-id>",
+         "Show or change one flow's schedule.",
+         "--cron sets your own expression and switches the schedule on; --disable and\n"
+         "--enable switch it off and on, keeping the expression; --clear goes back to\n"
+         "the flow's own schedule. The change is saved in the library preferences.\n"
+         "\n"
+         "Exit status: 0 the schedule is usable (or off), 1 it is on with no expression\n"
+         "to run by, 2 the command line or the expression is wrong.",
+         {{"--cron", "", "<expression>", "Run by this five-field expression.", {}},
+          {"--enable", "", "", "Switch the schedule on.", {}},
+          {"--disable", "", "", "Switch the schedule off, keeping its expression.", {}},
+          {"--clear", "", "", "Forget your settings; the flow's own schedule applies.", {}},
+          json},
+         1,
+         1,
+         "flows",
+         scheduleCommand},
         {"cron",
          "\"<expression>\"",
          "Check a cron schedule and list its next runs in local time.",
