@@ -5,6 +5,7 @@
 #include "cli/LibraryCommands.h"
 #include "cli/RuntimesCommand.h"
 #include "cli/ScheduleCommands.h"
+#include "cli/SchedulerCommand.h"
 
 namespace quorlin::cli {
 
@@ -267,6 +268,20 @@ std::vector<CommandSpec> makeTable() {
          1,
          "flows",
          scheduleCommand},
+        {"scheduler",
+         "",
+         "Fire the flows' schedules in the foreground until stopped.",
+         "Checks every 30 seconds which flows' schedules match the current minute and runs\n"
+         "them, each at most once a minute and never beside a run of its own still going;\n"
+         "minutes the computer slept through are not made up. A line on stderr for each\n"
+         "firing and each result. SIGTERM or Ctrl-C stops it cleanly: a run still going\n"
+         "is cancelled (its row says so) and named in the last line. One scheduler per\n"
+         "data root: a second refuses to start and names the first one's process.",
+         {},
+         0,
+         0,
+         "",
+         schedulerCommand},
         {"cron",
          "\"<expression>\"",
          "Check a cron schedule and list its next runs in local time.",
