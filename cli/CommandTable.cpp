@@ -276,8 +276,12 @@ std::vector<CommandSpec> makeTable() {
          "minutes the computer slept through are not made up. A line on stderr for each\n"
          "firing and each result. SIGTERM or Ctrl-C stops it cleanly: a run still going\n"
          "is cancelled (its row says so) and named in the last line. One scheduler per\n"
-         "data root: a second refuses to start and names the first one's process.",
-         {},
+         "data root: a second refuses to start and names the first one's process.\n"
+         "\n"
+         "--install writes a systemd user service that runs it with your session (with\n"
+         "this quorlin and this data root) and starts it; --uninstall stops and removes it.",
+         {{"--install", "", "", "Run the scheduler as a systemd user service, from now on.", {}},
+          {"--uninstall", "", "", "Stop and remove that service.", {}}},
          0,
          0,
          "",

@@ -11,7 +11,9 @@
 #include "core/execution/RunContext.h"
 #include "core/execution/RunCoordinator.h"
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/ChildProcess.h"
 #include "core/foundation/EventLoop.h"
+#include "core/foundation/FileError.h"
 #include "core/foundation/FileLock.h"
 #include "core/foundation/Text.h"
 #include "core/state/SchedulePresentation.h"
@@ -21,6 +23,7 @@
 #include "core/stores/FlowLibraryPreferencesStore.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <iostream>
 #include <set>
 #include <unistd.h>
@@ -230,9 +233,115 @@ FileLock takeSchedulerLock(const AppSupportPaths& paths) {
     return std::move(*lock);
 }
 
+constexpr const char* unitName = "quorlin-scheduler.service";
+
+std::filesystem::path userUnitPath() {
+    const char* config = std::getenv("XDG_CONFIG_HOME");
+    const char* home = std::getenv("HOME");
+    std::filesystem::path base =
+        config != nullptr && *config != '\0'
+            ? std::filesystem::path(config)
+            : std::filesystem::path(home != nullptr ? home : "") / ".config";
+    return base / "systemd" / "user" / unitName;
+}
+
+// systemd reads a word with blanks only in quotes, and treats "%" and "\" itself.
+std::string unitWord(const std::string& word) {
+    std::string quoted = "\"";
+    for (const char c : word) {
+        quoted += c == '%'                ? "%%"
+                  : c == '"' || c == '\\' ? std::string("\\") + c
+                                          : std::string(1, c);
+    }
+    return quoted + "\"";
+}
+
+std::string unitText() {
+    const auto& resources = QuorlinResources::installed();
+    if (!resources.resourceDirectory || !resources.executableDirectory) {
+        throw Error("the scheduler's unit file can't be found beside this quorlin");
+    }
+    std::string text = readFile(*resources.resourceDirectory / "systemd" / unitName);
+    const auto program = *resources.executableDirectory / "quorlin";
+    std::string environment;
+    // A data root chosen by the environment is the one the service must use too.
+    if (const char* root = std::getenv("QUORLIN_APP_SUPPORT_ROOT");
+        root != nullptr && *root != '\0') {
+        environment = "Environment=" +
+                      unitWord("QUORLIN_APP_SUPPORT_ROOT=" +
+                               AppSupportPaths::fromEnvironment().root().string()) +
+                      "\n";
+    }
+    const auto replace = [&text](const std::string& key, const std::string& value) {
+        text.replace(text.find(key), key.size(), value);
+    };
+    replace("@EXEC_START@", unitWord(program.string()) + " scheduler");
+    replace("@ENVIRONMENT@\n", environment);
+    return text;
+}
+
+// Runs systemctl --user with the words; its failure is the command's, in its own words.
+void systemctl(const std::vector<std::string>& words) {
+    ChildProcessRequest request;
+    request.executable = "/usr/bin/env";
+    request.arguments = {"systemctl", "--user"};
+    request.arguments.insert(request.arguments.end(), words.begin(), words.end());
+    request.environment = processEnvironment();
+    request.timeout = std::chrono::seconds(60);
+    const auto result = runChildProcess(request);
+    if (result.exitCode != 0) {
+        std::string command = "systemctl --user";
+        for (const auto& word : words) {
+            command += " " + word;
+        }
+        throw Error(
+            command + " failed: " +
+            trimmed(result.standardError.empty() ? result.standardOutput : result.standardError));
+    }
+}
+
+int installUnit() {
+    const auto unit = userUnitPath();
+    createDirectories(unit.parent_path());
+    writeFileAtomically(unit, unitText());
+    std::cout << "Wrote " << unit.string() << '\n';
+    systemctl({"daemon-reload"});
+    systemctl({"enable", "--now", unitName});
+    std::cout << "Enabled and started " << unitName
+              << "; it starts with your session from now on (journalctl --user -u " << unitName
+              << " shows its lines).\n";
+    return exitStatus::success;
+}
+
+int uninstallUnit() {
+    const auto unit = userUnitPath();
+    std::error_code error;
+    if (!std::filesystem::exists(unit, error)) {
+        std::cout << "Nothing to remove: " << unit.string() << " isn't there.\n";
+        return exitStatus::success;
+    }
+    systemctl({"disable", "--now", unitName});
+    std::filesystem::remove(unit, error);
+    if (error) {
+        throw FileError(FileError::Kind::writeFailed, unit, error.message());
+    }
+    systemctl({"daemon-reload"});
+    std::cout << "Stopped and disabled " << unitName << ", and removed " << unit.string() << '\n';
+    return exitStatus::success;
+}
+
 } // namespace
 
-int schedulerCommand(const ParsedArguments&) {
+int schedulerCommand(const ParsedArguments& arguments) {
+    if (arguments.has("--install") && arguments.has("--uninstall")) {
+        throw UsageError("give --install or --uninstall, not both", "scheduler");
+    }
+    if (arguments.has("--install")) {
+        return installUnit();
+    }
+    if (arguments.has("--uninstall")) {
+        return uninstallUnit();
+    }
     const auto paths = AppSupportPaths::fromEnvironment();
     const auto lock = takeSchedulerLock(paths);
     EventLoop loop;
