@@ -85,7 +85,7 @@ int foldersCommand(const ParsedArguments& arguments) {
 
 int resetCommand(const ParsedArguments& arguments) {
     const auto paths = AppSupportPaths::fromEnvironment();
-    const auto root = paths.root();
+    const auto& root = paths.root();
     const auto entries = entriesOf(root);
     if (entries.empty()) {
         std::cout << "Nothing to delete: " << root.string() << " holds no Quorlin data.\n";
