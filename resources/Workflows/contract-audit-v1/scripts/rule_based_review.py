@@ -20,7 +20,7 @@ def sentences(text):
         lines = [line for line in paragraph.split("\n") if not line.lstrip().startswith("#")]
         flat = " ".join(" ".join(lines).split())
         # A clause number ("2.1") is no sentence end; a full stop before one is.
-        for piece in re.split(r"(?<=[.;!?])\s+(?=[A-Z(\"“]|\d+(?:\.\d+)*\s)", flat):
+        for piece in re.split(r"(?<=[.;!?])\s+(?=[A-Z(\"“]|\d+(?:\.\d+)*\.?\s)", flat):
             if piece.strip():
                 result.append(piece.strip())
     return result
