@@ -37,6 +37,18 @@ ScratchDirectory::ScratchDirectory(const std::filesystem::path& parent, std::str
     }
 }
 
+void ScratchDirectory::removeLeftovers(const std::filesystem::path& parent,
+                                       std::string_view prefix) {
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(parent, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().filename().string().starts_with(prefix)) {
+            std::error_code ignored;
+            std::filesystem::remove_all(entry->path(), ignored);
+        }
+    }
+}
+
 ScratchDirectory::~ScratchDirectory() {
     // Best effort: a destructor can't report, and a leftover scratch directory in the
     // system's temp dir harms nothing.

@@ -15,6 +15,11 @@ public:
     // <parent>/<prefix><UUID> instead, for work whose result is renamed into parent and
     // so must be on the same file system.
     ScratchDirectory(const std::filesystem::path& parent, std::string_view prefix);
+
+    // Removes what earlier scratch directories of this prefix left in parent: a process
+    // that crashed never removed its own. Callers make sure none of them is still in use
+    // (a lock); one that can't be removed now is left for next time.
+    static void removeLeftovers(const std::filesystem::path& parent, std::string_view prefix);
     ~ScratchDirectory();
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;

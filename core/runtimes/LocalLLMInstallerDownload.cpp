@@ -21,22 +21,9 @@ constexpr const char* downloadURLVariable = "QUORLIN_OLLAMA_DOWNLOAD_URL";
 constexpr std::string_view releaseFolder =
     "https://github.com/ollama/ollama/releases/latest/download/";
 constexpr std::string_view stagingPrefix = ".tmp-ollama-";
-constexpr std::size_t checksumListLimit = 1 << 20;
 // The Linux archive carries the GPU libraries: some 2 GB packed, several unpacked.
 constexpr std::uint64_t archiveByteLimit = std::uint64_t{8} << 30U;
 constexpr ArchiveLimits ollamaArchiveLimits{100'000, std::uint64_t{32} << 30U};
-
-// Staging folders a crash left behind; they hold nothing anyone needs.
-void removeStaleStaging(const std::filesystem::path& root) {
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(root, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (entry->path().filename().string().starts_with(stagingPrefix)) {
-            std::error_code ignored; // one that can't go now is tried again next time
-            std::filesystem::remove_all(entry->path(), ignored);
-        }
-    }
-}
 
 [[noreturn]] void rethrowDownloadFailure(const HttpError& error) {
     if (error.kind() == HttpError::Kind::cancelled) {
@@ -81,7 +68,7 @@ std::string LocalLLMInstaller::installOllama(const LocalLLMProgressCallback& pro
     if (const auto cli = ollamaCLIPath()) {
         return "Ollama already installed: " + cli->string(); // the other one finished it
     }
-    removeStaleStaging(root);
+    ScratchDirectory::removeLeftovers(root, stagingPrefix);
     const ScratchDirectory staging(root, stagingPrefix);
 
     // The checksum first: a download that can't be checked is not worth making.
@@ -146,16 +133,12 @@ std::string LocalLLMInstaller::placeArchive(const std::filesystem::path& archive
 
 std::string LocalLLMInstaller::expectedChecksum(const std::stop_token& stopToken) const {
     const std::string listURL = source_.checksumListURL();
-    HttpRequest request;
-    request.url = listURL;
-    request.responseLimit = checksumListLimit;
-    std::string list;
+    std::optional<std::string> checksum;
     try {
-        list = sendExpectingSuccess(*transport_, request, stopToken).body;
+        checksum = publishedChecksum(*transport_, listURL, source_.archiveName(), stopToken);
     } catch (const HttpError& error) {
         rethrowDownloadFailure(error);
     }
-    auto checksum = checksumFromList(list, source_.archiveName());
     if (!checksum) {
         throw LocalLLMInstallerError::downloadFailed(
             "The checksum list " + listURL + " has no entry for " + source_.archiveName() +

@@ -36,18 +36,6 @@ std::string describe(RuntimeInstallError::Kind kind, const std::string& detail) 
     return detail;
 }
 
-// Staging folders a crash left behind; they hold nothing anyone needs.
-void removeStaleStaging(const std::filesystem::path& root) {
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(root, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (entry->path().filename().string().starts_with(stagingPrefix)) {
-            std::error_code ignored;
-            std::filesystem::remove_all(entry->path(), ignored);
-        }
-    }
-}
-
 // The interpreter in a tree, found as the locator finds it in an installed runtime.
 std::optional<std::filesystem::path> findExecutable(const std::filesystem::path& root,
                                                     const ManagedRuntimeDescriptor& descriptor) {
@@ -125,6 +113,15 @@ std::optional<std::string> checksumFromList(std::string_view list, std::string_v
     return std::nullopt;
 }
 
+std::optional<std::string> publishedChecksum(HttpTransport& transport, const std::string& listURL,
+                                             std::string_view archiveName,
+                                             const std::stop_token& stopToken) {
+    HttpRequest request;
+    request.url = listURL;
+    request.responseLimit = checksumListLimit;
+    return checksumFromList(sendExpectingSuccess(transport, request, stopToken).body, archiveName);
+}
+
 ManagedRuntimeInstaller::ManagedRuntimeInstaller(AppSupportPaths paths,
                                                  std::shared_ptr<HttpDownloading> downloader,
                                                  std::shared_ptr<HttpTransport> transport,
@@ -151,7 +148,7 @@ std::string ManagedRuntimeInstaller::install(ScriptRuntime runtime,
     if (auto executable = findInManagedRuntime(paths_, descriptor, descriptor.executableSuffixes)) {
         return alreadyInstalled(descriptor, target, *executable); // the other one finished it
     }
-    removeStaleStaging(root);
+    ScratchDirectory::removeLeftovers(root, stagingPrefix);
     const ScratchDirectory staging(root, stagingPrefix);
     const auto report = [&](RuntimeInstallProgress::Stage stage, DownloadProgress download = {}) {
         if (progress) {
@@ -219,16 +216,12 @@ std::string ManagedRuntimeInstaller::expectedChecksum(const ManagedRuntimeDescri
         return *descriptor.sha256;
     }
     const std::string& listURL = descriptor.checksumListURL.value();
-    HttpRequest request;
-    request.url = listURL;
-    request.responseLimit = checksumListLimit;
-    std::string list;
+    std::optional<std::string> checksum;
     try {
-        list = sendExpectingSuccess(*transport_, request, stopToken).body;
+        checksum = publishedChecksum(*transport_, listURL, descriptor.archiveName, stopToken);
     } catch (const HttpError& error) {
         rethrowDownloadFailure(error);
     }
-    auto checksum = checksumFromList(list, descriptor.archiveName);
     if (!checksum) {
         throw RuntimeInstallError(RuntimeInstallError::Kind::checksumMissing,
                                   "The checksum list " + listURL + " has no entry for " +

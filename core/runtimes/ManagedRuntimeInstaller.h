@@ -73,4 +73,10 @@ private:
 // possibly marked "*" for binary, or prefixed by a folder); nothing when it isn't listed.
 std::optional<std::string> checksumFromList(std::string_view list, std::string_view archiveName);
 
+// The checksum the publisher's list at listURL gives for archiveName; nothing when it
+// lists no such file. Throws HttpError when the list can't be fetched.
+std::optional<std::string> publishedChecksum(HttpTransport& transport, const std::string& listURL,
+                                             std::string_view archiveName,
+                                             const std::stop_token& stopToken);
+
 } // namespace quorlin
