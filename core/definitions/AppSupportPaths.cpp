@@ -94,16 +94,25 @@ std::filesystem::path AppSupportPaths::workflowDataDirectory(std::string_view wo
     return directory(std::filesystem::path("workflow-data") / workflowID);
 }
 
+std::filesystem::path AppSupportPaths::managedWorkflowFolderPath(std::string_view workflowID,
+                                                                 std::string_view settingKey,
+                                                                 bool output) const {
+    return root_ / "workflow-data" / workflowID / (output ? "outputs" : "inputs") /
+           sanitizedWorkflowFolderComponent(settingKey);
+}
+
 std::filesystem::path AppSupportPaths::workflowInputDirectory(std::string_view workflowID,
                                                               std::string_view settingKey) const {
-    return directory(std::filesystem::path("workflow-data") / workflowID / "inputs" /
-                     sanitizedWorkflowFolderComponent(settingKey));
+    auto path = managedWorkflowFolderPath(workflowID, settingKey, false);
+    createDirectories(path);
+    return path;
 }
 
 std::filesystem::path AppSupportPaths::workflowOutputDirectory(std::string_view workflowID,
                                                                std::string_view settingKey) const {
-    return directory(std::filesystem::path("workflow-data") / workflowID / "outputs" /
-                     sanitizedWorkflowFolderComponent(settingKey));
+    auto path = managedWorkflowFolderPath(workflowID, settingKey, true);
+    createDirectories(path);
+    return path;
 }
 
 std::filesystem::path AppSupportPaths::scriptDependenciesDirectory() const {

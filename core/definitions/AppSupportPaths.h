@@ -32,6 +32,9 @@ public:
                                                  std::string_view settingKey) const;
     std::filesystem::path workflowOutputDirectory(std::string_view workflowID,
                                                   std::string_view settingKey) const;
+    // Where the two above put a setting's folder, without creating anything.
+    std::filesystem::path managedWorkflowFolderPath(std::string_view workflowID,
+                                                    std::string_view settingKey, bool output) const;
     std::filesystem::path scriptDependenciesDirectory() const;
     std::filesystem::path pythonDependenciesDirectory(std::string_view workflowID) const;
     std::filesystem::path nodeDependenciesDirectory(std::string_view workflowID) const;

@@ -1,7 +1,9 @@
+#include "core/state/FolderSettingPresentation.h"
 #include "core/state/RunPresentation.h"
 #include "core/state/SchedulePresentation.h"
 #include "core/state/StepPresentation.h"
 #include "tests/support/ScopedEnvironment.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <ctime>
 
@@ -180,6 +182,56 @@ TEST(StepPresentationTest, WordsForEveryKindOfValueAndStep) {
     EXPECT_EQ(shown.outputItems[0].schema[0].id, "ask-output-review-schema-risks");
     EXPECT_TRUE(shown.requiresNetwork);
     EXPECT_EQ(shown.onError, "warn");
+}
+
+TEST(FolderSettingPresentationTest, KeysAsRunsUseThemAndTheUsersOwnFolders) {
+    const testing::TemporaryDirectory directory;
+    const AppSupportPaths paths(directory.path() / "data");
+    FlowDefinition flow;
+    flow.id = "contracts";
+    const auto step = [](std::string id, std::string type, WorkflowValueMap config) {
+        FlowStep value;
+        value.id = id;
+        value.name = "Step " + id;
+        value.type = std::move(type);
+        value.config = std::move(config);
+        return value;
+    };
+    flow.steps = {step("contract", "filesystem-input-file",
+                       {{"setting_key", "contract_file"}, {"allowed_extensions", "md, .TXT"}}),
+                  step("source", "filesystem-input-folder", {{"setting_key", "source_folder"}}),
+                  step("report", "filesystem-output-folder", {{"env", "MY_REPORTS"}}),
+                  step("read", "script-run", {})};
+    FlowLibraryPreferencesDocument preferences;
+    preferences.folderPreferences["contracts"] = {
+        {"source_folder", {"  /home/me/in ", std::nullopt}}, {"report", {"   ", std::nullopt}}};
+
+    const auto settings = workflowFolderSettings(flow, preferences, paths);
+    ASSERT_EQ(settings.size(), 3U);
+    const auto managed = [&](const char* kind, const char* key) {
+        return (directory.path() / "data" / "workflow-data" / "contracts" / kind / key).string();
+    };
+    EXPECT_EQ(settings[0],
+              (WorkflowFolderSettingPresentation{"contracts.contract_file",
+                                                 "contracts",
+                                                 "contract",
+                                                 "Step contract",
+                                                 WorkflowFolderKind::file,
+                                                 "contract_file",
+                                                 "QUORLIN_FILE_CONTRACTS_CONTRACT_FILE",
+                                                 "",
+                                                 managed("inputs", "contract_file"),
+                                                 true,
+                                                 "Pick on run",
+                                                 {"md", "txt"}}));
+    EXPECT_EQ(settings[1].path, "/home/me/in");
+    EXPECT_EQ(settings[1].status, "Custom");
+    EXPECT_FALSE(settings[1].usesManagedDefault);
+    EXPECT_EQ(settings[2].settingKey, "report");
+    EXPECT_EQ(settings[2].environmentKey, "MY_REPORTS");
+    EXPECT_EQ(settings[2].path, managed("outputs", "report")) << "a blank choice is no choice";
+    EXPECT_EQ(settings[2].status, "App Managed");
+    EXPECT_FALSE(std::filesystem::exists(directory.path() / "data")) << "showing creates nothing";
 }
 
 } // namespace
