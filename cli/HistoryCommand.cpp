@@ -6,6 +6,7 @@
 #include "core/foundation/Json.h"
 #include "core/foundation/LocalTime.h"
 #include "core/foundation/Text.h"
+#include "core/state/RunPresentation.h"
 #include "core/stores/AuditLogStore.h"
 #include "core/stores/AuditRunJson.h"
 
@@ -34,12 +35,6 @@ std::string oneLine(std::string text) {
     return text;
 }
 
-std::string seconds(double value) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.1fs", value);
-    return text;
-}
-
 std::size_t characterCount(std::string_view text) {
     std::size_t count = 0;
     for (std::size_t offset = 0; offset < text.size(); ++count) {
@@ -65,7 +60,8 @@ void printTable(const std::vector<AuditRun>& runs) {
         {"RUN", "TIME", "FLOW", "STATUS", "DURATION", "SUMMARY"}};
     for (const auto& run : runs) {
         rows.push_back({run.id.uppercaseString().substr(0, 8), oneLine(run.timestamp),
-                        oneLine(run.flowID), oneLine(run.status), seconds(run.durationSeconds),
+                        oneLine(run.flowID), oneLine(run.status),
+                        formattedDuration(run.durationSeconds),
                         shortened(oneLineSummary(run.outputSummary), tableSummaryLength)});
     }
     std::vector<std::size_t> widths(rows[0].size(), 0);
@@ -156,7 +152,7 @@ void printRun(const AuditRun& run) {
               << "Time      " << run.timestamp << '\n'
               << "Trigger   " << run.trigger << '\n'
               << "Status    " << run.status << '\n'
-              << "Duration  " << seconds(run.durationSeconds) << '\n'
+              << "Duration  " << formattedDuration(run.durationSeconds) << '\n'
               << "Saved     " << run.minutesSaved << " min\n"
               << "LLM cost  " << cost << '\n';
     if (run.outputFolder) {
@@ -173,7 +169,7 @@ void printRun(const AuditRun& run) {
     for (std::size_t index = 0; index < run.stepTimings.size(); ++index) {
         const auto& timing = run.stepTimings[index];
         std::cout << "  " << index + 1 << ". " << timing.title << " (" << timing.stepID << ")  "
-                  << seconds(timing.durationSeconds) << '\n';
+                  << formattedDuration(timing.durationSeconds) << '\n';
     }
     std::cout << "\nStep records" << (run.stepRecords.empty() ? ": none" : "") << '\n';
     for (std::size_t index = 0; index < run.stepRecords.size(); ++index) {

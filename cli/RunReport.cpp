@@ -1,6 +1,7 @@
 #include "cli/RunReport.h"
 
 #include "core/execution/GenericScriptOutputSummarizer.h"
+#include "core/state/RunPresentation.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -12,12 +13,6 @@ namespace quorlin::cli {
 namespace {
 
 constexpr std::size_t shortValueLength = 72;
-
-std::string seconds(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1fs", value);
-    return text;
-}
 
 // A value on one short line: text as it is, a list of plain values joined, anything else
 // as compact JSON cut at the line's length.
@@ -204,7 +199,7 @@ std::string reportText(const RunReport& report, bool terminal) {
     const auto& record = report.record;
     const auto& session = report.session;
     std::string text;
-    const std::string duration = record ? " in " + seconds(record->durationSeconds) : "";
+    const std::string duration = record ? " in " + formattedDuration(record->durationSeconds) : "";
     const std::string summary = record ? oneLineSummary(record->outputSummary) : "";
     text += report.outcome == RunReport::Outcome::rejected ? "Rejected" : "Succeeded";
     text += duration + (summary.empty() ? "" : ": " + summary) + "\n";

@@ -71,6 +71,18 @@ long milliseconds(std::chrono::milliseconds duration) {
     return static_cast<long>(std::max<std::chrono::milliseconds::rep>(duration.count(), 1));
 }
 
+void configureTransfer(CURL* easy, const std::string& url, std::chrono::milliseconds connectTimeout,
+                       char* errorBuffer, const std::string& host) {
+    setOption(easy, CURLOPT_URL, url.c_str(), host);
+    setOption(easy, CURLOPT_PROTOCOLS_STR, "http,https", host);
+    setOption(easy, CURLOPT_NOSIGNAL, 1L, host);
+    setOption(easy, CURLOPT_USERAGENT, userAgent, host);
+    setOption(easy, CURLOPT_ERRORBUFFER, errorBuffer, host);
+    setOption(easy, CURLOPT_SSL_VERIFYPEER, 1L, host);
+    setOption(easy, CURLOPT_SSL_VERIFYHOST, 2L, host);
+    setOption(easy, CURLOPT_CONNECTTIMEOUT_MS, milliseconds(connectTimeout), host);
+}
+
 CURLcode perform(CURL* easy, const std::stop_token& stopToken, const std::string& host) {
     MultiHandle multi(curl().multiInit());
     if (!multi) {

@@ -80,6 +80,11 @@ void setOption(CURL* easy, CURLoption option, Value value, const std::string& ho
 // curl reads 0 as "no limit"; a limit of nothing is the shortest one instead.
 long milliseconds(std::chrono::milliseconds duration);
 
+// What every transfer sets alike: the address, http and https only, no signals, our
+// user agent, the error buffer, TLS peers verified, and the connect time-out.
+void configureTransfer(CURL* easy, const std::string& url, std::chrono::milliseconds connectTimeout,
+                       char* errorBuffer, const std::string& host);
+
 // Drives the transfer until it ends or a stop is requested.
 CURLcode perform(CURL* easy, const std::stop_token& stopToken, const std::string& host);
 

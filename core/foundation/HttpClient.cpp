@@ -126,14 +126,7 @@ HeaderList headerList(const HttpRequest& request) {
 
 void configure(CURL* easy, const HttpRequest& request, curl_slist* headers, Exchange& exchange,
                char* errorBuffer, const std::string& host) {
-    setOption(easy, CURLOPT_URL, request.url.c_str(), host);
-    setOption(easy, CURLOPT_PROTOCOLS_STR, "http,https", host);
-    setOption(easy, CURLOPT_NOSIGNAL, 1L, host);
-    setOption(easy, CURLOPT_USERAGENT, userAgent, host);
-    setOption(easy, CURLOPT_ERRORBUFFER, errorBuffer, host);
-    setOption(easy, CURLOPT_SSL_VERIFYPEER, 1L, host);
-    setOption(easy, CURLOPT_SSL_VERIFYHOST, 2L, host);
-    setOption(easy, CURLOPT_CONNECTTIMEOUT_MS, milliseconds(request.connectTimeout), host);
+    configureTransfer(easy, request.url, request.connectTimeout, errorBuffer, host);
     if (request.onBodyData) {
         // A streamed reply lasts as long as the work behind it; only a stall ends it.
         const auto seconds = std::chrono::ceil<std::chrono::seconds>(request.timeout).count();

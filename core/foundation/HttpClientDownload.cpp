@@ -70,17 +70,10 @@ struct FileClose {
 
 void configureDownload(CURL* easy, const HttpDownloadRequest& request, DownloadExchange& exchange,
                        char* errorBuffer, const std::string& host) {
-    setOption(easy, CURLOPT_URL, request.url.c_str(), host);
-    setOption(easy, CURLOPT_PROTOCOLS_STR, "http,https", host);
+    configureTransfer(easy, request.url, request.connectTimeout, errorBuffer, host);
     setOption(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https", host);
     setOption(easy, CURLOPT_FOLLOWLOCATION, 1L, host);
     setOption(easy, CURLOPT_MAXREDIRS, 5L, host);
-    setOption(easy, CURLOPT_NOSIGNAL, 1L, host);
-    setOption(easy, CURLOPT_USERAGENT, userAgent, host);
-    setOption(easy, CURLOPT_ERRORBUFFER, errorBuffer, host);
-    setOption(easy, CURLOPT_SSL_VERIFYPEER, 1L, host);
-    setOption(easy, CURLOPT_SSL_VERIFYHOST, 2L, host);
-    setOption(easy, CURLOPT_CONNECTTIMEOUT_MS, milliseconds(request.connectTimeout), host);
     setOption(easy, CURLOPT_LOW_SPEED_LIMIT, 1L, host);
     setOption(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(request.stallTimeout.count()), host);
     setOption(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(request.maxBytes), host);
