@@ -1,6 +1,7 @@
 #include "DependencyMarker.h"
 
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/Base64.h"
 #include "core/runtimes/ScriptDependencyInstallerError.h"
 
 #include <algorithm>
@@ -8,33 +9,6 @@
 #include <system_error>
 
 namespace quorlin {
-
-namespace {
-
-// Standard base64 with padding and no line breaks.
-std::string base64Encoded(std::string_view bytes) {
-    static constexpr std::string_view alphabet =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t index = 0; index < bytes.size(); index += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - index);
-        std::uint32_t group = 0;
-        for (std::size_t offset = 0; offset < 3; ++offset) {
-            group <<= 8U;
-            if (offset < count) {
-                group |= static_cast<unsigned char>(bytes[index + offset]);
-            }
-        }
-        for (std::size_t digit = 0; digit < 4; ++digit) {
-            const auto sextet = (group >> (18U - 6U * digit)) & 0x3FU;
-            text += digit <= count ? alphabet[sextet] : '=';
-        }
-    }
-    return text;
-}
-
-} // namespace
 
 DependencySource readDependencySource(const std::filesystem::path& path) {
     std::error_code error;

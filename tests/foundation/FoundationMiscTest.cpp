@@ -1,4 +1,5 @@
 #include "core/foundation/AtomicFile.h"
+#include "core/foundation/Base64.h"
 #include "core/foundation/EventLoop.h"
 #include "core/foundation/Json.h"
 #include "core/foundation/LocalTime.h"
@@ -110,6 +111,38 @@ TEST(LocalTime, MonthBoundsFollowTheLocalCalendar) {
         EXPECT_EQ(formatLocalIso8601(first), start) << moment;
         EXPECT_EQ(formatLocalIso8601(next), end) << moment;
     }
+}
+
+TEST(Base64, EncodesBothAlphabetsAndDecodesWithOrWithoutPadding) {
+    struct Case {
+        std::string bytes;
+        Base64Alphabet alphabet;
+        Base64Padding padding;
+        std::string text;
+    };
+    const std::vector<Case> cases = {
+        {"", Base64Alphabet::standard, Base64Padding::with, ""},
+        {"f", Base64Alphabet::standard, Base64Padding::with, "Zg=="},
+        {"fo", Base64Alphabet::standard, Base64Padding::with, "Zm8="},
+        {"foo", Base64Alphabet::standard, Base64Padding::with, "Zm9v"},
+        {"foob", Base64Alphabet::url, Base64Padding::without, "Zm9vYg"},
+        {"\xfb\xff\xbf", Base64Alphabet::standard, Base64Padding::with, "+/+/"},
+        {"\xfb\xff\xbf", Base64Alphabet::url, Base64Padding::without, "-_-_"},
+    };
+    for (const auto& testCase : cases) {
+        EXPECT_EQ(base64Encoded(testCase.bytes, testCase.alphabet, testCase.padding), testCase.text)
+            << testCase.text;
+        EXPECT_EQ(base64Decoded(testCase.text, testCase.alphabet), testCase.bytes) << testCase.text;
+    }
+    EXPECT_EQ(base64Decoded("Zm9vYg==", Base64Alphabet::url), "foob");
+    EXPECT_EQ(base64Decoded("Zm9vYg", Base64Alphabet::standard), "foob");
+}
+
+TEST(Base64, RejectsDigitsOfTheOtherAlphabetAndBrokenLengths) {
+    for (const std::string text : {"-_-_", "Zm9v\nYg", "Zm9vY", "Zm 9v"}) {
+        EXPECT_EQ(base64Decoded(text, Base64Alphabet::standard), std::nullopt) << text;
+    }
+    EXPECT_EQ(base64Decoded("+/+/", Base64Alphabet::url), std::nullopt);
 }
 
 TEST(AtomicFile, ReplacesContentAndLeavesNoTemporaryFile) {
